@@ -1,0 +1,74 @@
+#ifndef KLV_FOUNDATION_OUTPUT_STREAM_H_
+#define KLV_FOUNDATION_OUTPUT_STREAM_H_
+
+#include <cstdio>
+
+#include "foundation/ref_string.h"
+#include "foundation/text_buffer.h"
+
+// Where text is written: a TextBuilder collects it in a TextBuffer, a
+// FileStream converts it to bytes and writes it to a stdio FILE. The writers
+// below take a stream and a value, write one text and return the stream, so
+// that writes chain: `out << "count " << 3u << "\n";`.
+class OutputStream {
+ public:
+  virtual ~OutputStream() = default;
+  // A hook that does nothing in every stream.
+  virtual void Prepare() {}
+  // Discards what was written so far, where the stream can.
+  virtual void Clear() = 0;
+  // Pushes buffered output out.
+  virtual void Flush() = 0;
+  virtual void Write(const TextBuffer& text) = 0;
+};
+
+// Collects text in a TextBuffer: its own (the usual case) or one that the
+// caller owns and keeps after the builder is gone.
+class TextBuilder : public OutputStream {
+ public:
+  TextBuilder();
+  explicit TextBuilder(TextBuffer* target);
+  ~TextBuilder() override;
+  TextBuilder(const TextBuilder&) = delete;
+  TextBuilder& operator=(const TextBuilder&) = delete;
+
+  void Clear() override;  // truncates the target to length 0
+  void Flush() override {}
+  void Write(const TextBuffer& text) override;
+
+  // The text written so far, shared with the target.
+  TextBuffer Text() const { return *cell_; }
+  // The text written so far as bytes (ISO 8859-1, id 26).
+  RefString Bytes() const { return cell_->ToRefString(); }
+
+ private:
+  TextBuffer* cell_;
+  uint32_t owns_cell_;
+};
+
+// Writes text to a stdio FILE that it does not own, converted with a
+// character-set id (26, ISO 8859-1, for every use in the daemon).
+class FileStream : public OutputStream {
+ public:
+  explicit FileStream(FILE* file, int charset_id = 26);
+
+  void Clear() override {}
+  void Flush() override;  // fflush
+  void Write(const TextBuffer& text) override;
+
+ private:
+  int charset_id_;
+  FILE* file_;
+};
+
+OutputStream& operator<<(OutputStream& out, const TextBuffer& text);
+// A NUL-terminated literal, decoded as UTF-8 (id 29).
+OutputStream& operator<<(OutputStream& out, const char* literal);
+// A byte string, one character per byte, so that its bytes come out unchanged.
+OutputStream& operator<<(OutputStream& out, const RefString& bytes);
+OutputStream& operator<<(OutputStream& out, int value);            // "%d"
+OutputStream& operator<<(OutputStream& out, unsigned value);       // "%u"
+OutputStream& operator<<(OutputStream& out, long value);           // "%ld"
+OutputStream& operator<<(OutputStream& out, unsigned long value);  // "%lu"
+
+#endif  // KLV_FOUNDATION_OUTPUT_STREAM_H_

@@ -1,0 +1,66 @@
+#ifndef KLV_FOUNDATION_REF_STRING_H_
+#define KLV_FOUNDATION_REF_STRING_H_
+
+#include <cstddef>
+#include <cstdint>
+
+// A byte string with a shared, reference-counted body and copy-on-write.
+// Copying a handle never copies bytes; a body is duplicated only when a holder
+// that shares it is about to change it. The bytes are arbitrary (NULs allowed)
+// and the body always keeps a NUL after the last byte. A null handle is the
+// empty string and owns no body. Not thread-safe: the count is a plain integer.
+class RefString {
+ public:
+  RefString() = default;
+  // New body: capacity count + 7, the bytes copied, a NUL behind them.
+  RefString(const char* bytes, uint32_t count);
+  // From a NUL-terminated text; the length is taken with strlen.
+  explicit RefString(const char* text);
+  RefString(const RefString& other);
+  RefString(RefString&& other) noexcept;
+  RefString& operator=(const RefString& other);
+  RefString& operator=(RefString&& other) noexcept;
+  ~RefString();
+
+  uint32_t Length() const { return body_ ? body_->length : 0; }
+  // The bytes, NUL-terminated; never null (a static empty text for a null handle).
+  const char* Text() const;
+  // Bytes allocated for the buffer, the NUL included; 0 for a null handle.
+  uint32_t Capacity() const { return body_ ? body_->capacity : 0; }
+  // Handles sharing the body; 0 for a null handle.
+  uint32_t References() const { return body_ ? body_->references : 0; }
+  bool IsEmpty() const { return Length() == 0; }
+
+  // Cuts the string to `length` bytes (which must not exceed Length()); the
+  // capacity is kept.
+  void Truncate(uint32_t length);
+  // Appends `count` bytes. Grows, when they do not fit, to t + (t / 8)^2 with
+  // t = length + count + 10, in 32-bit arithmetic.
+  void Append(const char* bytes, uint32_t count);
+  void Append(const char* text);
+  void Append(const RefString& other);
+
+  // Same body, or same length and same bytes.
+  bool Equals(const RefString& other) const;
+  bool operator==(const RefString& other) const { return Equals(other); }
+  // h = h * 9 + byte over the bytes, 32-bit wrap; 0 for the empty string.
+  uint32_t Hash() const;
+
+ private:
+  struct Body {
+    uint32_t length;
+    uint32_t capacity;
+    char* buffer;
+    uint32_t references;
+  };
+
+  static Body* NewBody(const char* bytes, uint32_t count);
+  void Release();
+  // Runs before every change: gives a null handle an empty body of its own and
+  // a shared body a private copy.
+  void MakeUnique();
+
+  Body* body_ = nullptr;
+};
+
+#endif  // KLV_FOUNDATION_REF_STRING_H_

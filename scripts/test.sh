@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Builds the project with a preset (release by default; debug or sanitize on
+# request) and runs every test. Usage: scripts/test.sh [release|debug|sanitize]
+set -euo pipefail
+preset="${1:-release}"
+cd "$(dirname "$0")/.."
+cmake --preset "$preset"
+cmake --build --preset "$preset"
+ctest --preset "$preset"

@@ -6,10 +6,10 @@
 
 // Converters between byte texts and 16-bit Unicode text, looked up by a small
 // integer id. The registry is filled on first use from a constant table read
-// in order up to id 30; then one more converter is added under id 30 whose
-// decode and encode both yield an empty result. An unknown id, or an id that
-// the C library's iconv cannot serve on this machine, finds the id 30
-// converter.
+// in order up to id 30; then one more converter, named "NONE", is added under
+// id 30 whose decode and encode both yield an empty result. An unknown id, or
+// an id that the C library's iconv cannot serve on this machine, finds the id
+// 30 converter.
 namespace charset {
 
 enum CharsetId : int {
@@ -61,6 +61,15 @@ const Converter& Find(int id);
 
 inline std::u16string Decode(int id, std::string_view bytes) { return Find(id).decode(bytes); }
 inline std::string Encode(int id, std::u16string_view text) { return Find(id).encode(text); }
+
+// The PC code pages, converted by the C library's iconv under the names it
+// knows them by ("CP437", "CP1252"). A byte the page leaves undefined decodes
+// to U+FFFD; a character the page cannot hold encodes as one '?'. Any input
+// is accepted. Decoding and encoding yield empty results when iconv cannot
+// open `iconv_name`.
+bool CodePageAvailable(const char* iconv_name);
+std::u16string DecodeCodePage(const char* iconv_name, std::string_view bytes);
+std::string EncodeCodePage(const char* iconv_name, std::u16string_view text);
 
 }  // namespace charset
 

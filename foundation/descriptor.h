@@ -55,6 +55,11 @@ class Descriptor {
  protected:
   // Stores a failure: `error_number` saved from errno right after the call.
   void RecordFailure(int error_number, const char* call_name, const TextBuffer& arguments);
+  // The status of a call that moved `result` bytes of `length` asked for, with
+  // `error` saved from errno when it returned -1. Sets `count` only for a
+  // partial transfer (the bytes moved) or would-block (0). On kFailed the
+  // caller records the failure.
+  static TransferStatus StatusOf(long result, size_t length, int error, long* count);
 
   bool owns_;
   SysCallFailure last_failure_;

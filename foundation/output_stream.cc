@@ -1,1 +1,73 @@
-// Placeholder.
+#include "foundation/output_stream.h"
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+// Large enough for any 64-bit number in decimal with its sign.
+constexpr size_t kNumberBufferSize = 32;
+
+}  // namespace
+
+TextBuilder::TextBuilder() : cell_(new TextBuffer()), owns_cell_(1) {}
+
+TextBuilder::TextBuilder(TextBuffer* target) : cell_(target), owns_cell_(0) {}
+
+TextBuilder::~TextBuilder() {
+  if (owns_cell_ == 1) delete cell_;
+}
+
+void TextBuilder::Clear() {
+  if (!cell_->IsEmpty()) cell_->SetLength(0);
+}
+
+void TextBuilder::Write(const TextBuffer& text) { cell_->Append(text); }
+
+FileStream::FileStream(FILE* file, int charset_id) : charset_id_(charset_id), file_(file) {}
+
+void FileStream::Flush() { std::fflush(file_); }
+
+void FileStream::Write(const TextBuffer& text) {
+  const std::string bytes = text.Encode(charset_id_);
+  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), file_);
+}
+
+OutputStream& operator<<(OutputStream& out, const TextBuffer& text) {
+  out.Write(text);
+  return out;
+}
+
+OutputStream& operator<<(OutputStream& out, const char* literal) {
+  out.Write(TextBuffer::FromLiteral(literal));
+  return out;
+}
+
+OutputStream& operator<<(OutputStream& out, const RefString& bytes) {
+  out.Write(TextBuffer::FromBytes(bytes));
+  return out;
+}
+
+OutputStream& operator<<(OutputStream& out, int value) {
+  char buffer[kNumberBufferSize];
+  std::snprintf(buffer, sizeof buffer, "%d", value);
+  return out << buffer;
+}
+
+OutputStream& operator<<(OutputStream& out, unsigned value) {
+  char buffer[kNumberBufferSize];
+  std::snprintf(buffer, sizeof buffer, "%u", value);
+  return out << buffer;
+}
+
+OutputStream& operator<<(OutputStream& out, long value) {
+  char buffer[kNumberBufferSize];
+  std::snprintf(buffer, sizeof buffer, "%ld", value);
+  return out << buffer;
+}
+
+OutputStream& operator<<(OutputStream& out, unsigned long value) {
+  char buffer[kNumberBufferSize];
+  std::snprintf(buffer, sizeof buffer, "%lu", value);
+  return out << buffer;
+}

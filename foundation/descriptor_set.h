@@ -23,9 +23,12 @@ class DescriptorSet {
   // False for a descriptor beyond the set's size.
   bool IsSet(int fd) const;
   // Copies `other` into this set, reallocating only when this one is smaller.
+  // A larger set keeps its size, its words past those of `other` cleared.
   void CopyFrom(const DescriptorSet& other);
 
   uint32_t WordCount() const { return word_count_; }
+  // The words, WordCount() of them.
+  const uint32_t* Words() const { return words_; }
   // The first argument of select: WordCount() * 32.
   int SelectCount() const { return static_cast<int>(word_count_ * 32); }
   // The words as select's set argument.

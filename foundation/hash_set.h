@@ -1,6 +1,7 @@
 #ifndef KLV_FOUNDATION_HASH_SET_H_
 #define KLV_FOUNDATION_HASH_SET_H_
 
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 
@@ -63,6 +64,14 @@ class HashSet {
 
  private:
   void Grow();
+  // The bucket a key belongs to under the current mask.
+  Bucket& BucketOf(const Key& key) { return buckets_[Traits::Hash(key) & mask_]; }
+  const Bucket& BucketOf(const Key& key) const { return buckets_[Traits::Hash(key) & mask_]; }
+  // The slot of the element with `key` in `bucket`, or -1.
+  static int64_t SlotOf(const Bucket& bucket, const Key& key);
+  // Tests the elements of `bucket` in slot order, one unit of `budget` each
+  // while any is left, and deletes the first idle one. True when one was.
+  static bool PurgeOneIn(Bucket* bucket, uint32_t* budget);
 
   uint32_t bucket_count_;
   Bucket* buckets_;  // new[]
@@ -80,9 +89,14 @@ template <typename Entry, typename Traits>
 class HashSetIterator {
  public:
   explicit HashSetIterator(const HashSet<Entry, Traits>& set);
+  // Releases the bucket iterator when the walk stopped before the end.
+  ~HashSetIterator();
+  HashSetIterator(const HashSetIterator&) = delete;
+  HashSetIterator& operator=(const HashSetIterator&) = delete;
 
   // Moves to the next element; false past the last one.
   bool Advance();
+  // The element reached by the last Advance, which must have returned true.
   Entry* Current() const;
   uint32_t BucketIndex() const { return bucket_; }
 
@@ -95,5 +109,146 @@ class HashSetIterator {
 
 // ---------------------------------------------------------------------------
 // Implementation.
+
+template <typename Entry, typename Traits>
+HashSet<Entry, Traits>::HashSet(uint32_t bucket_count, uint32_t purge_limit)
+    : bucket_count_(bucket_count),
+      buckets_(new Bucket[bucket_count]),
+      grow_at_(bucket_count * 3),
+      purge_limit_(purge_limit) {
+  assert(mask_ < bucket_count_);
+}
+
+template <typename Entry, typename Traits>
+HashSet<Entry, Traits>::~HashSet() {
+  delete[] buckets_;
+}
+
+template <typename Entry, typename Traits>
+InsertResult HashSet<Entry, Traits>::Insert(Entry* entry) {
+  const Key key = Traits::KeyOf(*entry);
+  if (SlotOf(BucketOf(key), key) >= 0) return InsertResult::kAlreadyPresent;
+  if (size_ >= grow_at_) Grow();
+  BucketOf(key).Append(entry);
+  ++size_;
+  return InsertResult::kInserted;
+}
+
+template <typename Entry, typename Traits>
+Entry* HashSet<Entry, Traits>::Find(const Key& key) const {
+  const Bucket& bucket = BucketOf(key);
+  const int64_t slot = SlotOf(bucket, key);
+  return slot < 0 ? nullptr : bucket[static_cast<uint32_t>(slot)];
+}
+
+template <typename Entry, typename Traits>
+bool HashSet<Entry, Traits>::Remove(const Key& key) {
+  Bucket& bucket = BucketOf(key);
+  const int64_t slot = SlotOf(bucket, key);
+  if (slot < 0) return false;
+  bucket.RemoveAt(static_cast<uint32_t>(slot));
+  --size_;
+  return true;
+}
+
+template <typename Entry, typename Traits>
+bool HashSet<Entry, Traits>::Purge(int (*random)()) {
+  if (size_ < purge_limit_) return false;
+  uint32_t budget = purge_limit_ / 2 + 1;
+  bool removed = false;
+  while (size_ > purge_limit_ / 2 && budget > 0) {
+    // Each pass walks from a random bucket to the last one, so removals
+    // spread over the table instead of emptying its first buckets. Once the
+    // budget is spent the rest of the walk could change nothing.
+    const uint32_t start = static_cast<uint32_t>(random()) & mask_;
+    for (uint32_t index = start; index < bucket_count_ && budget > 0; ++index) {
+      Bucket& bucket = buckets_[index];
+      if (bucket.IsEmpty()) {
+        --budget;
+      } else if (PurgeOneIn(&bucket, &budget)) {
+        --size_;
+        removed = true;
+      }
+    }
+  }
+  return removed;
+}
+
+template <typename Entry, typename Traits>
+bool HashSet<Entry, Traits>::PurgeOneIn(Bucket* bucket, uint32_t* budget) {
+  for (uint32_t slot = 0; slot < bucket->Count() && *budget > 0; ++slot) {
+    --*budget;
+    Entry* entry = (*bucket)[slot];
+    if (Traits::IsIdle(*entry)) {
+      bucket->RemoveAt(slot);
+      delete entry;
+      return true;
+    }
+  }
+  return false;
+}
+
+template <typename Entry, typename Traits>
+void HashSet<Entry, Traits>::DeleteAll() {
+  for (uint32_t index = 0; index < bucket_count_; ++index) {
+    buckets_[index].Clear(ClearMode::kDeleteElements);
+  }
+  size_ = 0;
+}
+
+template <typename Entry, typename Traits>
+int64_t HashSet<Entry, Traits>::SlotOf(const Bucket& bucket, const Key& key) {
+  for (uint32_t slot = 0; slot < bucket.Count(); ++slot) {
+    if (Traits::Equal(Traits::KeyOf(*bucket[slot]), key)) return slot;
+  }
+  return -1;
+}
+
+template <typename Entry, typename Traits>
+void HashSet<Entry, Traits>::Grow() {
+  Bucket* old_buckets = buckets_;
+  const uint32_t old_count = bucket_count_;
+  bucket_count_ = old_count * 4;
+  buckets_ = new Bucket[bucket_count_];
+  grow_at_ *= 4;
+  bits_left_ -= 2;
+  mask_ = mask_ * 4 + 3;
+  for (uint32_t index = 0; index < old_count; ++index) {
+    const Bucket& old_bucket = old_buckets[index];
+    for (uint32_t slot = 0; slot < old_bucket.Count(); ++slot) {
+      Entry* entry = old_bucket[slot];
+      BucketOf(Traits::KeyOf(*entry)).Append(entry);
+    }
+  }
+  delete[] old_buckets;
+}
+
+template <typename Entry, typename Traits>
+HashSetIterator<Entry, Traits>::HashSetIterator(const HashSet<Entry, Traits>& set) : set_(&set) {}
+
+template <typename Entry, typename Traits>
+HashSetIterator<Entry, Traits>::~HashSetIterator() {
+  delete bucket_iterator_;
+}
+
+template <typename Entry, typename Traits>
+bool HashSetIterator<Entry, Traits>::Advance() {
+  while (bucket_ < set_->BucketCount()) {
+    if (bucket_iterator_ == nullptr) {
+      bucket_iterator_ = new SlotVectorIterator<Entry*>(set_->BucketAt(bucket_));
+    }
+    if (bucket_iterator_->Advance()) return true;
+    delete bucket_iterator_;
+    bucket_iterator_ = nullptr;
+    ++bucket_;
+  }
+  return false;
+}
+
+template <typename Entry, typename Traits>
+Entry* HashSetIterator<Entry, Traits>::Current() const {
+  assert(bucket_iterator_ != nullptr);
+  return bucket_iterator_->Current();
+}
 
 #endif  // KLV_FOUNDATION_HASH_SET_H_

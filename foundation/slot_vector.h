@@ -1,8 +1,10 @@
 #ifndef KLV_FOUNDATION_SLOT_VECTOR_H_
 #define KLV_FOUNDATION_SLOT_VECTOR_H_
 
+#include <cassert>
 #include <cstdint>
 #include <type_traits>
+#include <utility>
 
 #include "foundation/bit_set.h"
 
@@ -33,6 +35,7 @@ class SlotVector {
   // later ones down one place in their order.
   void RemoveAt(uint32_t slot);
   // Reallocates the slot array to `slots` slots, keeping min(old, new) slots.
+  // Elements in slots cut off by a shrink are dropped (pointers not deleted).
   void Resize(uint32_t slots);
   // Empties the vector; kDeleteElements (pointer elements only) deletes every
   // element in slot order first. The capacity is kept.
@@ -80,5 +83,95 @@ class SlotVectorIterator {
 
 // ---------------------------------------------------------------------------
 // Implementation.
+
+template <typename T>
+SlotVector<T>::SlotVector() : present_(kInitialBits) {}
+
+template <typename T>
+SlotVector<T>::~SlotVector() {
+  delete[] slots_;
+}
+
+template <typename T>
+void SlotVector<T>::Append(const T& element) {
+  if (end_ >= capacity_) Resize((end_ / kStep + 1) * kStep);
+  slots_[end_] = element;
+  present_.Set(end_);
+  ++end_;
+  ++count_;
+  ++version_;
+}
+
+template <typename T>
+void SlotVector<T>::RemoveAt(uint32_t slot) {
+  assert(slot < count_ && end_ == count_);
+  ++version_;
+  present_.Clear(slot);
+  --count_;
+  // Each later element moves down with its bit, so the vacated last slot
+  // ends with its bit cleared.
+  for (uint32_t next = slot + 1; next < end_; ++next) {
+    slots_[next - 1] = std::move(slots_[next]);
+    present_.Set(next - 1);
+    present_.Clear(next);
+  }
+  // Reset the vacated slot so that a record does not keep what it holds.
+  slots_[end_ - 1] = T();
+  end_ = count_;
+}
+
+template <typename T>
+void SlotVector<T>::Resize(uint32_t slots) {
+  T* resized = slots > 0 ? new T[slots] : nullptr;
+  const uint32_t kept = capacity_ < slots ? capacity_ : slots;
+  for (uint32_t i = 0; i < kept; ++i) resized[i] = std::move(slots_[i]);
+  delete[] slots_;
+  slots_ = resized;
+  capacity_ = slots;
+  if (end_ > slots) {
+    for (uint32_t i = slots; i < end_; ++i) present_.Clear(i);
+    end_ = count_ = slots;
+    ++version_;
+  }
+}
+
+template <typename T>
+void SlotVector<T>::Clear(ClearMode mode) {
+  for (uint32_t i = 0; i < end_; ++i) {
+    if constexpr (std::is_pointer_v<T>) {
+      if (mode == ClearMode::kDeleteElements) delete slots_[i];
+    }
+    slots_[i] = T();
+    present_.Clear(i);
+  }
+  end_ = count_ = 0;
+  ++version_;
+}
+
+template <typename T>
+T& SlotVector<T>::operator[](uint32_t slot) {
+  assert(slot < end_);
+  return slots_[slot];
+}
+
+template <typename T>
+const T& SlotVector<T>::operator[](uint32_t slot) const {
+  assert(slot < end_);
+  return slots_[slot];
+}
+
+template <typename T>
+SlotVectorIterator<T>::SlotVectorIterator(const SlotVector<T>& vector)
+    : vector_(&vector), version_(vector.Version()) {}
+
+template <typename T>
+bool SlotVectorIterator<T>::Advance() {
+  if (visited_ >= vector_->Count()) return false;
+  slot_ = visited_ == 0 ? 0 : slot_ + 1;
+  while (slot_ < vector_->End() && !vector_->IsPresent(slot_)) ++slot_;
+  assert(slot_ < vector_->End());
+  ++visited_;
+  return true;
+}
 
 #endif  // KLV_FOUNDATION_SLOT_VECTOR_H_

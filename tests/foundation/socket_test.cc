@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -223,17 +224,38 @@ TEST_F(SocketTest, BusyPortWithoutRetriesPrintsLoneNewline) {
 }
 
 TEST_F(SocketTest, OtherFirstBindFailureIsNotRetried) {
-  // 192.0.2.1 is reserved for documentation and belongs to no interface here.
-  // Binding to it sends nothing; it only fails.
-  sockaddr_in raw = {};
-  raw.sin_addr.s_addr = htonl(0xC0000201);
-  const SocketAddress foreign(*reinterpret_cast<const sockaddr*>(&raw));
-  Socket socket;
-  StandardErrorCapture standard_error;
-  EXPECT_FALSE(socket.BindTo(foreign, SOCK_DGRAM, AddressReuse::kOff, 2, Progress::kVerbose));
-  EXPECT_EQ(standard_error.Finish(), "");
-  EXPECT_EQ(FailureOf(socket), "bind(" + std::to_string(socket.Fd()) +
-                                   ",192.0.2.1:0): (99) Cannot assign requested address");
+  // A privileged port is refused to an unprivileged user with EACCES, which is
+  // not retried. The tests may run as root, so a child gives up root first
+  // and reports the failure text and what reached standard error.
+  int report_pipe[2];
+  ASSERT_EQ(pipe(report_pipe), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(report_pipe[0]);
+    std::string report = "could not drop root";
+    if (getuid() != 0 || setuid(65534) == 0) {
+      Socket socket;
+      StandardErrorCapture standard_error;
+      const bool bound =
+          socket.BindTo(Loopback(1), SOCK_DGRAM, AddressReuse::kOff, 2, Progress::kVerbose);
+      const std::string written = standard_error.Finish();
+      report =
+          bound ? "bound" : std::to_string(socket.Fd()) + "|" + FailureOf(socket) + "|" + written;
+    }
+    if (write(report_pipe[1], report.data(), report.size()) < 0) _exit(2);
+    _exit(0);
+  }
+  close(report_pipe[1]);
+  std::string report;
+  char buffer[512];
+  ssize_t got;
+  while ((got = read(report_pipe[0], buffer, sizeof buffer)) > 0) report.append(buffer, got);
+  close(report_pipe[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  const std::string fd = report.substr(0, report.find('|'));
+  EXPECT_EQ(report, fd + "|bind(" + fd + ",127.0.0.1:1): (13) Permission denied|");
 }
 
 TEST_F(SocketTest, ConnectAcceptAndTalk) {

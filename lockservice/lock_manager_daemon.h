@@ -9,6 +9,10 @@
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
+#include "lockservice/client_table.h"
+#include "lockservice/file_entry.h"
+#include "lockservice/lock_request.h"
+#include "lockservice/wait_table.h"
 
 // The one daemon object: the logs, the UDP socket that replies go out on, the
 // check period, and the tables of clients, files and waits. Everything a
@@ -43,11 +47,79 @@ class LockManagerDaemon {
   void SendStatusReport(Descriptor* connection);
 
  private:
+  // Which reply writer sends a datagram; it decides the failure events.
+  enum class Writer { kSynchronous, kAsynchronous };
+  // What an open may do about the file's oplocks.
+  enum class OplockDecision { kWait, kGrantWithOplock, kGrantWithoutOplock };
+
+  // lock_manager_daemon.cc: the reply writers. A send that returns 0 is fatal;
+  // any other failure is logged and the datagram dropped.
+  void SendReply(const SocketAddress& to, LockReply* reply);
+  void SendReply(const SocketAddress& to, LockRequest* message);
+  void SendAsync(const SocketAddress& to, LockReply* message);
+  void SendDatagram(const SocketAddress& to, const RefString& bytes, Writer writer);
+
+  // Handlers: each fills the reply and answers whether it is due.
+  bool HandleOpen(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
+  bool HandleClose(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
+  bool HandleLock(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
+  bool HandleUnlock(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
+  bool HandleOplockRelease(const SocketAddress& sender, const LockRequest& request,
+                           LockReply* reply);
+  bool HandleClientEnd(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
+  bool HandleProbe(const SocketAddress& sender, const LockRequest& request);
+
+  // clients.cc
+  // Creates the client's entry in state OK, or gives an existing one `name`.
+  void RegisterClient(const ClientKey& key, const RefString& name);
+  // The client answered a probe: activity tick = now, state OK.
+  void MarkAlive(const ClientKey& key);
+  // Releases every lock and wait of the client; its entry stays.
+  void EndClient(const ClientKey& key);
+  // Probes the client when it is in state OK and silent since the last sweep.
+  void CheckLiveness(const ClientKey& key);
+  void SendProbe(ClientEntry* client);
+  // Walks the client table, probing each silent OK client with chance 1/m,
+  // up to the first client found dead, which it returns; nullptr at the end.
+  ClientEntry* FindDeadClient(uint32_t m);
+  void ReleaseDeadClient(ClientEntry* client);
+  void WriteDeadClientNotice(const ClientEntry& client);
+
+  // opens.cc
+  FileEntry* FindOrAddFile(const FileKey& key);
+
+  // oplocks.cc
+  // Breaks every oplock of the file on behalf of `requester`; kWait stores
+  // the new wait id in `wait_id`.
+  OplockDecision DecideOplock(const LockRequest& request, const ClientKey& requester,
+                              FileEntry* file, uint32_t* wait_id);
+  // Drops the wait `id` and its mention in its holders' lists; an unknown id
+  // changes nothing.
+  void WithdrawWait(uint32_t id);
+  // Releases every oplock of the file held by `client` under `clientfid`.
+  void ReleaseOplocks(FileEntry* file, const ClientKey& client, uint32_t clientfid);
+  // Releases every oplock of the file held by `client`, whatever its clientfid.
+  void ReleaseClientOplocks(FileEntry* file, const ClientKey& client);
+  // Removes the oplock at `slot`, sending MSG_OPEN_RETRY to each waiter that
+  // waited for it last.
+  void ReleaseOplockAt(FileEntry* file, uint32_t slot);
+
+  // status_report.cc
+  void WriteClientLines(OutputStream& out);
+  void WriteFileLines(OutputStream& out, const FileEntry& file);
+  // The name of the client holding a lock; empty when it has no entry.
+  RefString HolderName(const ClientKey& holder) const;
+
   EventLog log_;
   Socket* udp_ = nullptr;
   uint32_t check_period_ = kCheckPeriodSeconds;
   int timeout_;
-  // The tables and the handlers' state follow.
+  ClientTable clients_;
+  FileTable files_;
+  WaitTable waits_;
+  uint32_t sweep_tick_ = 1;
+  uint32_t last_wait_id_ = 0;    // wait ids start at 1
+  uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks
 };
 
 #endif  // KLV_LOCKSERVICE_LOCK_MANAGER_DAEMON_H_

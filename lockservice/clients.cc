@@ -1,0 +1,117 @@
+// The client table: registration, liveness probes, the end of a client and
+// the periodic sweep that releases clients which stopped answering.
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "lockservice/lock_manager_daemon.h"
+
+bool LockManagerDaemon::HandleClientEnd(const SocketAddress& sender, const LockRequest& request,
+                                        LockReply* /*reply*/) {
+  EndClient(ClientKey::Of(sender, request.Session()));
+  return true;
+}
+
+void LockManagerDaemon::RegisterClient(const ClientKey& key, const RefString& name) {
+  ClientEntry* client = clients_.Find(key);
+  if (client == nullptr) {
+    clients_.Insert(new ClientEntry(key, name));
+  } else if (!client->name.Equals(name)) {
+    client->name = name;
+  }
+}
+
+void LockManagerDaemon::MarkAlive(const ClientKey& key) {
+  ClientEntry* client = clients_.Find(key);
+  if (client == nullptr) return;
+  client->activity_tick = sweep_tick_;
+  client->state = ClientState::kOk;
+}
+
+void LockManagerDaemon::EndClient(const ClientKey& key) {
+  for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
+    FileEntry* file = it.Current();
+    RemoveMatching(&file->ranges, [&key](const RecordLock& lock) { return lock.client == key; });
+    ReleaseClientOplocks(file, key);
+    RemoveMatching(&file->opens, [&key](const OpenLock& open) { return open.client == key; });
+  }
+  // The wait table must not change while it is walked: collect, then withdraw.
+  std::vector<uint32_t> own_waits;
+  for (HashSetIterator<WaitEntry, WaitTraits> it(waits_); it.Advance();) {
+    if (it.Current()->client == key) own_waits.push_back(it.Current()->id);
+  }
+  for (uint32_t id : own_waits) WithdrawWait(id);
+  MarkAlive(key);
+}
+
+void LockManagerDaemon::CheckLiveness(const ClientKey& key) {
+  ClientEntry* client = clients_.Find(key);
+  if (client == nullptr) return;
+  if (client->state == ClientState::kOk && client->activity_tick < sweep_tick_) {
+    SendProbe(client);
+  }
+}
+
+// Probe layout: a request head with code REQ_PROBE, tag 0xBEEFCAFE, the
+// client's session and zeros, then version 201905 and wantreply 1.
+void LockManagerDaemon::SendProbe(ClientEntry* client) {
+  client->state = ClientState::kWait;
+  LockRequest probe;
+  probe.SetCode(REQ_PROBE);
+  probe.SetTag(kProbeTag);
+  probe.SetSession(client->session_id);
+  probe.SetVersion(kProtocolVersion);
+  probe.SetWantReply(1);
+  SendReply(client->Key().Address(), &probe);
+  client->probe_tick = sweep_tick_;
+  client->activity_tick = 0;
+}
+
+void LockManagerDaemon::SweepClients() {
+  files_.SetPurgeLimit(files_.Size() / 2);
+  files_.Purge();
+  // Each OK client is probed with chance 1/m, so about two per sweep.
+  const uint32_t m = clients_.Size() / 2 + 1;
+  // Releasing a client changes the table, so the walk starts over after each.
+  while (ClientEntry* dead = FindDeadClient(m)) ReleaseDeadClient(dead);
+  ++sweep_tick_;
+}
+
+ClientEntry* LockManagerDaemon::FindDeadClient(uint32_t m) {
+  for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
+    ClientEntry* client = it.Current();
+    if (client->state == ClientState::kOk) {
+      if (static_cast<uint32_t>(std::rand()) % m != 0) continue;
+      if (client->activity_tick >= sweep_tick_) continue;
+      SendProbe(client);
+    } else if (sweep_tick_ > client->activity_tick + 1) {
+      return client;
+    }
+  }
+  return nullptr;
+}
+
+void LockManagerDaemon::ReleaseDeadClient(ClientEntry* client) {
+  WriteDeadClientNotice(*client);
+  const ClientKey key = client->Key();
+  EndClient(key);
+  clients_.Remove(key);
+  delete client;
+}
+
+void LockManagerDaemon::WriteDeadClientNotice(const ClientEntry& client) {
+  FileStream err(stderr);
+  err << "\nOstrand Kelvane Lock Daemon NOTICE:\n\nThe Kelvane server process acting on behalf of ";
+  WriteNameField(err, client.name);
+  err << "\nhas stopped responding.  Checking your server logs will help\n"
+         "establish the cause.  Locks owned by the machine are being released.\n";
+  // The listing names the dead session's opens by session id alone.
+  for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
+    const FileEntry& file = *it.Current();
+    for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
+      if (file.opens[slot].client.session != client.session_id) continue;
+      err << "[" << file.key.hi << "," << file.key.lo << "] = " << file.path << "\n";
+    }
+  }
+  err.Flush();
+}

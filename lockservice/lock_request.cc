@@ -1,0 +1,250 @@
+#include "lockservice/lock_request.h"
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+// Request layout, little-endian 32-bit words:
+//   head      0 code  4 tag  8 session  12 clientfid  16 filekey_hi  20 filekey_lo
+//             24 waitid
+//   REQ_OPEN    28 openmode  32 oplockwanted  36 clientname (16 bytes, ends at
+//               the first NUL or after 16 bytes)  52 path (NUL-terminated)
+//   REQ_LOCK    28 offset  32 length  36 locktype
+//   REQ_UNLOCK  28 offset  32 length
+//   REQ_TEXT    28 text (NUL-terminated)
+//   REQ_PROBE   28 version  32 wantreply
+//
+// Reads a datagram front to back without ever passing its end: a word that
+// does not lie wholly inside reads as 0, a string without its NUL as empty.
+class WireReader {
+ public:
+  WireReader(const unsigned char* data, size_t size) : data_(data), size_(size) {}
+
+  uint32_t Word() {
+    const size_t offset = position_;
+    Skip(4);
+    if (size_ - offset < 4) return 0;
+    return uint32_t{data_[offset]} | uint32_t{data_[offset + 1]} << 8 |
+           uint32_t{data_[offset + 2]} << 16 | uint32_t{data_[offset + 3]} << 24;
+  }
+
+  // The fixed name field: up to the first NUL, at most 16 bytes, fewer when
+  // the datagram ends inside the field.
+  RefString Name() {
+    const size_t available = Remaining() < kClientNameSize ? Remaining() : kClientNameSize;
+    size_t length = 0;
+    while (length < available && data_[position_ + length] != 0) ++length;
+    const size_t start = position_;
+    Skip(available);
+    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+  }
+
+  // A NUL-terminated string. Without a NUL before the end it is invalid: the
+  // result is empty and the position stays where it was.
+  RefString String(bool* valid) {
+    const void* nul = Remaining() == 0 ? nullptr : memchr(data_ + position_, 0, Remaining());
+    if (nul == nullptr) {
+      *valid = false;
+      return RefString();
+    }
+    const size_t length = static_cast<const unsigned char*>(nul) - (data_ + position_);
+    const size_t start = position_;
+    Skip(length + 1);
+    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+  }
+
+ private:
+  size_t Remaining() const { return size_ - position_; }
+  void Skip(size_t count) { position_ += count < Remaining() ? count : Remaining(); }
+  const char* Chars(size_t offset) const { return reinterpret_cast<const char*>(data_ + offset); }
+
+  const unsigned char* data_;
+  size_t size_;
+  size_t position_ = 0;
+};
+
+void PutWord(std::string* buffer, size_t offset, uint32_t word) {
+  for (int i = 0; i < 4; ++i) (*buffer)[offset + i] = static_cast<char>(word >> (8 * i));
+}
+
+void PutBytes(std::string* buffer, size_t offset, const RefString& bytes, size_t limit) {
+  const size_t count = bytes.Length() < limit ? bytes.Length() : limit;
+  memcpy(buffer->data() + offset, bytes.Text(), count);
+}
+
+}  // namespace
+
+bool LockRequest::Decode(const unsigned char* data, size_t size) {
+  WireReader reader(data, size);
+  code_ = reader.Word();
+  tag_ = reader.Word();
+  session_ = reader.Word();
+  clientfid_ = reader.Word();
+  filekey_hi_ = reader.Word();
+  filekey_lo_ = reader.Word();
+  waitid_ = reader.Word();
+  bool valid = true;
+  switch (code_) {
+    case REQ_OPEN:
+      openmode_ = reader.Word();
+      oplockwanted_ = reader.Word();
+      clientname_ = reader.Name();
+      path_ = reader.String(&valid);
+      break;
+    case REQ_LOCK:
+      offset_ = reader.Word();
+      length_ = reader.Word();
+      locktype_ = reader.Word();
+      break;
+    case REQ_UNLOCK:
+      offset_ = reader.Word();
+      length_ = reader.Word();
+      break;
+    case REQ_TEXT:
+      text_ = reader.String(&valid);
+      break;
+    case REQ_PROBE:
+      version_ = reader.Word();
+      wantreply_ = reader.Word();
+      break;
+    default:
+      break;
+  }
+  bytes_ = size == 0 ? RefString()
+                     : RefString(reinterpret_cast<const char*>(data), static_cast<uint32_t>(size));
+  needs_encoding_ = false;
+  return valid;
+}
+
+const RefString& LockRequest::Bytes() {
+  if (needs_encoding_) Encode();
+  return bytes_;
+}
+
+void LockRequest::SetFileKey(uint32_t hi, uint32_t lo) {
+  Change(&filekey_hi_, hi);
+  Change(&filekey_lo_, lo);
+}
+
+void LockRequest::SetClientName(const RefString& name) {
+  clientname_ = name;
+  needs_encoding_ = true;
+}
+
+void LockRequest::SetPath(const RefString& path) {
+  path_ = path;
+  needs_encoding_ = true;
+}
+
+void LockRequest::SetRange(uint32_t offset, uint32_t length) {
+  Change(&offset_, offset);
+  Change(&length_, length);
+}
+
+void LockRequest::SetText(const RefString& text) {
+  text_ = text;
+  needs_encoding_ = true;
+}
+
+void LockRequest::Encode() {
+  size_t size = kRequestHeadSize;
+  if (code_ == REQ_OPEN) size += 8 + kClientNameSize + path_.Length() + 1;
+  if (code_ == REQ_LOCK) size += 12;
+  if (code_ == REQ_UNLOCK || code_ == REQ_PROBE) size += 8;
+  if (code_ == REQ_TEXT) size += text_.Length() + 1;
+  std::string buffer(size, '\0');
+  const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
+  for (size_t i = 0; i < 7; ++i) PutWord(&buffer, 4 * i, head[i]);
+  if (code_ == REQ_OPEN) {
+    PutWord(&buffer, 28, openmode_);
+    PutWord(&buffer, 32, oplockwanted_);
+    PutBytes(&buffer, 36, clientname_, kClientNameSize - 1);
+    PutBytes(&buffer, 52, path_, path_.Length());
+  } else if (code_ == REQ_LOCK || code_ == REQ_UNLOCK) {
+    PutWord(&buffer, 28, offset_);
+    PutWord(&buffer, 32, length_);
+    if (code_ == REQ_LOCK) PutWord(&buffer, 36, locktype_);
+  } else if (code_ == REQ_TEXT) {
+    PutBytes(&buffer, 28, text_, text_.Length());
+  } else if (code_ == REQ_PROBE) {
+    PutWord(&buffer, 28, version_);
+    PutWord(&buffer, 32, wantreply_);
+  }
+  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
+  needs_encoding_ = false;
+}
+
+// Reply layout, little-endian 32-bit words:
+//   head                0 code  4 tag  8 status  12 value
+//   REQ_OPEN            16 oplockgranted
+//   MSG_OPLOCK_BREAK    16 filekey_hi  20 filekey_lo  24 holder's clientfid
+//                       28 holder's session
+//   MSG_OPEN_RETRY      16 the waiter's session
+//   REPLY_HALFWORD      16 one 16-bit word
+// The buffer starts zeroed, so bytes no field covers are 0.
+size_t LockReply::LengthFor(uint32_t code) {
+  switch (code) {
+    case REQ_OPEN:
+    case MSG_OPEN_RETRY:
+      return kReplyHeadSize + 4;
+    case MSG_OPLOCK_BREAK:
+      return kReplyHeadSize + 16;
+    case REPLY_HALFWORD:
+      return kReplyHeadSize + 2;
+    default:
+      return kReplyHeadSize;
+  }
+}
+
+const RefString& LockReply::Bytes() {
+  if (needs_encoding_) Encode();
+  return bytes_;
+}
+
+void LockReply::SetStatus(ReplyStatus status) {
+  status_ = status;
+  needs_encoding_ = true;
+}
+
+void LockReply::SetValue(uint32_t value) {
+  value_ = value;
+  needs_encoding_ = true;
+}
+
+void LockReply::SetBreak(uint32_t filekey_hi, uint32_t filekey_lo, uint32_t clientfid,
+                         uint32_t session) {
+  SetBodyWord(0, filekey_hi);
+  SetBodyWord(1, filekey_lo);
+  SetBodyWord(2, clientfid);
+  SetBodyWord(3, session);
+}
+
+void LockReply::SetHalfWord(uint16_t word) {
+  half_word_ = word;
+  needs_encoding_ = true;
+}
+
+void LockReply::SetBodyWord(int index, uint32_t word) {
+  body_[index] = word;
+  needs_encoding_ = true;
+}
+
+void LockReply::Encode() {
+  const size_t length = LengthFor(code_);
+  std::string buffer(length, '\0');
+  PutWord(&buffer, 0, code_);
+  PutWord(&buffer, 4, tag_);
+  PutWord(&buffer, 8, static_cast<uint32_t>(status_));
+  PutWord(&buffer, 12, value_);
+  if (code_ == REPLY_HALFWORD) {
+    buffer[16] = static_cast<char>(half_word_ & 0xFF);
+    buffer[17] = static_cast<char>(half_word_ >> 8);
+  } else {
+    for (size_t offset = kReplyHeadSize; offset < length; offset += 4) {
+      PutWord(&buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
+    }
+  }
+  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
+  needs_encoding_ = false;
+}

@@ -1,0 +1,170 @@
+#ifndef KLV_LOCKSERVICE_LOCK_REQUEST_H_
+#define KLV_LOCKSERVICE_LOCK_REQUEST_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "foundation/ref_string.h"
+
+// Codes of the lock protocol. Requests come from server processes; the daemon
+// sends MSG_OPLOCK_BREAK, MSG_OPEN_RETRY and its own REQ_PROBE unasked.
+enum MessageCode : uint32_t {
+  REQ_OPEN = 1,
+  REQ_LOCK = 2,
+  REQ_UNLOCK = 3,
+  REQ_CLIENT_END = 4,
+  REQ_TEXT = 5,
+  REQ_CLOSE = 6,
+  REQ_OPLOCK_RELEASE = 7,
+  MSG_OPLOCK_BREAK = 8,
+  MSG_OPEN_RETRY = 9,
+  REQ_PROBE = 1000,
+  REQ_NOOP = 1001,
+  // A reply form with one 16-bit word of body; the codec carries it, no
+  // handler sends it.
+  REPLY_HALFWORD = 1002,
+};
+
+// The status word of a reply.
+enum class ReplyStatus : uint32_t {
+  kDone = 0,      // done or granted
+  kConflict = 1,  // share violation on open, range overlap on lock
+  kNotFound = 2,  // unlock of an unknown file or of a range not held
+  kUnknown = 4,   // unknown request code, or oplock release of an unknown file
+  kWait = 5,      // the open must wait for oplock breaks; value is the wait id
+};
+
+// 2.01.905 as 2 * 100000 + 1 * 1000 + 905.
+constexpr uint32_t kProtocolVersion = 201905;
+// The tag of the daemon's own liveness probe.
+constexpr uint32_t kProbeTag = 0xBEEFCAFE;
+constexpr size_t kRequestHeadSize = 28;
+constexpr size_t kProbeSize = 36;
+constexpr size_t kReplyHeadSize = 16;
+// The client name field of REQ_OPEN always occupies this many bytes.
+constexpr size_t kClientNameSize = 16;
+
+// One request datagram: a head of seven words and a body that depends on the
+// code. The fields are read through the getters; every setter marks the
+// record for re-encoding, and Bytes() rebuilds the bytes from the fields when
+// marked. Copies share their bytes.
+class LockRequest {
+ public:
+  LockRequest() = default;
+
+  // Reads `size` bytes; never reads past them. Words beyond the end read as
+  // 0; a string with no NUL before the end reads as empty. False when a
+  // string field was invalid; the fields read are usable either way.
+  bool Decode(const unsigned char* data, size_t size);
+  // The datagram: the decoded bytes, or the fields encoded afresh after a
+  // change. The daemon encodes a name as at most 15 bytes, a NUL and zeros.
+  const RefString& Bytes();
+
+  uint32_t Code() const { return code_; }
+  uint32_t Tag() const { return tag_; }
+  uint32_t Session() const { return session_; }
+  uint32_t Clientfid() const { return clientfid_; }
+  uint32_t FilekeyHi() const { return filekey_hi_; }
+  uint32_t FilekeyLo() const { return filekey_lo_; }
+  uint32_t WaitId() const { return waitid_; }
+  uint32_t OpenMode() const { return openmode_; }
+  uint32_t OplockWanted() const { return oplockwanted_; }
+  const RefString& ClientName() const { return clientname_; }
+  const RefString& Path() const { return path_; }
+  uint32_t Offset() const { return offset_; }
+  uint32_t Length() const { return length_; }
+  uint32_t LockType() const { return locktype_; }
+  const RefString& Text() const { return text_; }
+  uint32_t Version() const { return version_; }
+  uint32_t WantReply() const { return wantreply_; }
+
+  void SetCode(uint32_t code) { Change(&code_, code); }
+  void SetTag(uint32_t tag) { Change(&tag_, tag); }
+  void SetSession(uint32_t session) { Change(&session_, session); }
+  void SetClientfid(uint32_t clientfid) { Change(&clientfid_, clientfid); }
+  void SetFileKey(uint32_t hi, uint32_t lo);
+  void SetWaitId(uint32_t waitid) { Change(&waitid_, waitid); }
+  void SetOpenMode(uint32_t openmode) { Change(&openmode_, openmode); }
+  void SetOplockWanted(uint32_t wanted) { Change(&oplockwanted_, wanted); }
+  void SetClientName(const RefString& name);
+  void SetPath(const RefString& path);
+  void SetRange(uint32_t offset, uint32_t length);
+  void SetLockType(uint32_t locktype) { Change(&locktype_, locktype); }
+  void SetText(const RefString& text);
+  void SetVersion(uint32_t version) { Change(&version_, version); }
+  void SetWantReply(uint32_t wantreply) { Change(&wantreply_, wantreply); }
+
+ private:
+  void Change(uint32_t* field, uint32_t value) {
+    *field = value;
+    needs_encoding_ = true;
+  }
+  void Encode();
+
+  uint32_t code_ = 0;
+  uint32_t tag_ = 0;
+  uint32_t session_ = 0;
+  uint32_t clientfid_ = 0;
+  uint32_t filekey_hi_ = 0;
+  uint32_t filekey_lo_ = 0;
+  uint32_t waitid_ = 0;
+  uint32_t openmode_ = 0;
+  uint32_t oplockwanted_ = 0;
+  RefString clientname_;
+  RefString path_;
+  uint32_t offset_ = 0;
+  uint32_t length_ = 0;
+  uint32_t locktype_ = 0;
+  RefString text_;
+  uint32_t version_ = 0;
+  uint32_t wantreply_ = 0;
+  bool needs_encoding_ = true;
+  RefString bytes_;
+};
+
+// One reply datagram, or one of the daemon's own messages: a head of four
+// words (code, tag, status, value) and a body whose length follows the code.
+class LockReply {
+ public:
+  // Status kDone, value 0, body zero.
+  LockReply(uint32_t code, uint32_t tag) : code_(code), tag_(tag) {}
+
+  // The datagram length for `code`: 20 for REQ_OPEN and MSG_OPEN_RETRY, 32
+  // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD, 16 for every other code.
+  static size_t LengthFor(uint32_t code);
+  // The datagram, rebuilt from the fields when one changed since the last call.
+  const RefString& Bytes();
+
+  uint32_t Code() const { return code_; }
+  uint32_t Tag() const { return tag_; }
+  ReplyStatus Status() const { return status_; }
+  uint32_t Value() const { return value_; }
+
+  void SetStatus(ReplyStatus status);
+  void SetValue(uint32_t value);
+  // REQ_OPEN body: 1 when the open was given an oplock.
+  void SetOplockGranted(uint32_t granted) { SetBodyWord(0, granted); }
+  // MSG_OPLOCK_BREAK body: the file and the holder's clientfid and session.
+  void SetBreak(uint32_t filekey_hi, uint32_t filekey_lo, uint32_t clientfid, uint32_t session);
+  // MSG_OPEN_RETRY body: the waiting client's session.
+  void SetWaiterSession(uint32_t session) { SetBodyWord(0, session); }
+  // REPLY_HALFWORD body.
+  void SetHalfWord(uint16_t word);
+
+ private:
+  static constexpr int kBodyWords = 4;
+
+  void SetBodyWord(int index, uint32_t word);
+  void Encode();
+
+  uint32_t code_;
+  uint32_t tag_;
+  ReplyStatus status_ = ReplyStatus::kDone;
+  uint32_t value_ = 0;
+  uint32_t body_[kBodyWords] = {};
+  uint16_t half_word_ = 0;
+  bool needs_encoding_ = true;
+  RefString bytes_;
+};
+
+#endif  // KLV_LOCKSERVICE_LOCK_REQUEST_H_

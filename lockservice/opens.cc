@@ -1,0 +1,74 @@
+// Share-mode locks: REQ_OPEN and REQ_CLOSE.
+#include "lockservice/lock_manager_daemon.h"
+#include "lockservice/share_modes.h"
+
+namespace {
+
+// True when `candidate` agrees with every open of the file, checked in list
+// order; the requester's own opens are checked like any other.
+bool AgreesWithOpens(const FileEntry& file, const OpenLock& candidate) {
+  for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
+    if (!ShareModesAgree(candidate, file.opens[slot])) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+FileEntry* LockManagerDaemon::FindOrAddFile(const FileKey& key) {
+  FileEntry* file = files_.Find(key);
+  if (file == nullptr) {
+    file = new FileEntry(key);
+    files_.Insert(file);
+  }
+  return file;
+}
+
+bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockRequest& request,
+                                   LockReply* reply) {
+  const ClientKey requester = ClientKey::Of(sender, request.Session());
+  RegisterClient(requester, request.ClientName());
+  FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
+  const OpenLock candidate{requester, request.OpenMode(), request.Clientfid()};
+  reply->SetOplockGranted(0);
+  // A nonzero wait id makes this the retry of an open that had to wait.
+  if (request.WaitId() != 0) WithdrawWait(request.WaitId());
+
+  uint32_t wait_id = 0;
+  const OplockDecision decision = DecideOplock(request, requester, file, &wait_id);
+  if (decision == OplockDecision::kWait) {
+    reply->SetStatus(ReplyStatus::kWait);
+    reply->SetValue(wait_id);
+    CheckLiveness(requester);
+    return true;
+  }
+  if (!AgreesWithOpens(*file, candidate)) {
+    reply->SetStatus(ReplyStatus::kConflict);
+    return true;
+  }
+  if (decision == OplockDecision::kGrantWithOplock) {
+    file->oplocks.Append(
+        OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, ++last_oplock_id_});
+    reply->SetOplockGranted(1);
+    CheckLiveness(requester);
+  }
+  file->opens.Append(candidate);
+  if (!request.Path().IsEmpty()) file->path = request.Path();
+  return true;
+}
+
+bool LockManagerDaemon::HandleClose(const SocketAddress& sender, const LockRequest& request,
+                                    LockReply* /*reply*/) {
+  FileEntry* file = files_.Find(FileKey{request.FilekeyHi(), request.FilekeyLo()});
+  if (file == nullptr) return true;
+  const ClientKey client = ClientKey::Of(sender, request.Session());
+  const uint32_t clientfid = request.Clientfid();
+  RemoveMatching(&file->ranges, [&](const RecordLock& lock) {
+    return lock.client == client && lock.clientfid == clientfid;
+  });
+  ReleaseOplocks(file, client, clientfid);
+  RemoveMatching(&file->opens, [&](const OpenLock& open) {
+    return open.client == client && open.clientfid == clientfid;
+  });
+  return true;
+}

@@ -1,0 +1,107 @@
+// Opportunistic locks: the decision an open takes first, the breaks sent to
+// holders, the waits they hold up and the retry notices sent on release.
+#include <algorithm>
+
+#include "lockservice/lock_manager_daemon.h"
+
+LockManagerDaemon::OplockDecision LockManagerDaemon::DecideOplock(const LockRequest& request,
+                                                                  const ClientKey& requester,
+                                                                  FileEntry* file,
+                                                                  uint32_t* wait_id) {
+  WaitEntry* wait = nullptr;
+  // Every oplock is broken, the requester's own under other clientfids too.
+  for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
+    OpLock& holder = file->oplocks[slot];
+    LockReply message(MSG_OPLOCK_BREAK, 0);
+    message.SetBreak(request.FilekeyHi(), request.FilekeyLo(), holder.clientfid,
+                     holder.client.session);
+    CheckLiveness(holder.client);
+    SendAsync(holder.client.Address(), &message);
+    if (wait == nullptr) wait = new WaitEntry{++last_wait_id_, requester, file->key, {}};
+    holder.waits.push_back(wait->id);
+    wait->holders.push_back(holder.id);
+  }
+  if (wait != nullptr) {
+    waits_.Insert(wait);
+    *wait_id = wait->id;
+    return OplockDecision::kWait;
+  }
+  // A retried open never gets an oplock, nor does one that finds the file open.
+  if (request.OplockWanted() == 0 || request.WaitId() != 0 || !file->opens.IsEmpty()) {
+    return OplockDecision::kGrantWithoutOplock;
+  }
+  return OplockDecision::kGrantWithOplock;
+}
+
+void LockManagerDaemon::WithdrawWait(uint32_t id) {
+  WaitEntry* wait = waits_.Find(id);
+  if (wait == nullptr) return;
+  // The holders are oplocks of the wait's file; a file the sweep has deleted
+  // held no oplocks any more.
+  FileEntry* file = files_.Find(wait->file);
+  if (file != nullptr) {
+    for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
+      OpLock& oplock = file->oplocks[slot];
+      if (std::find(wait->holders.begin(), wait->holders.end(), oplock.id) == wait->holders.end()) {
+        continue;
+      }
+      std::erase(oplock.waits, id);
+    }
+  }
+  waits_.Remove(id);
+  delete wait;
+}
+
+void LockManagerDaemon::ReleaseOplocks(FileEntry* file, const ClientKey& client,
+                                       uint32_t clientfid) {
+  uint32_t slot = 0;
+  while (slot < file->oplocks.Count()) {
+    const OpLock& oplock = file->oplocks[slot];
+    if (oplock.client == client && oplock.clientfid == clientfid) {
+      ReleaseOplockAt(file, slot);
+    } else {
+      ++slot;
+    }
+  }
+}
+
+void LockManagerDaemon::ReleaseClientOplocks(FileEntry* file, const ClientKey& client) {
+  uint32_t slot = 0;
+  while (slot < file->oplocks.Count()) {
+    if (file->oplocks[slot].client == client) {
+      ReleaseOplockAt(file, slot);
+    } else {
+      ++slot;
+    }
+  }
+}
+
+// Retry notice layout: code MSG_OPEN_RETRY, tag 0, status 0, value the wait
+// id, then the waiter's session.
+void LockManagerDaemon::ReleaseOplockAt(FileEntry* file, uint32_t slot) {
+  const OpLock& oplock = file->oplocks[slot];
+  for (uint32_t wait_id : oplock.waits) {
+    WaitEntry* wait = waits_.Find(wait_id);
+    if (wait == nullptr) continue;
+    std::erase(wait->holders, oplock.id);
+    if (!wait->holders.empty()) continue;
+    // The wait stays listed until the waiter retries or ends.
+    LockReply notice(MSG_OPEN_RETRY, 0);
+    notice.SetValue(wait_id);
+    notice.SetWaiterSession(wait->client.session);
+    SendAsync(wait->client.Address(), &notice);
+  }
+  file->oplocks.RemoveAt(slot);
+}
+
+bool LockManagerDaemon::HandleOplockRelease(const SocketAddress& sender, const LockRequest& request,
+                                            LockReply* reply) {
+  FileEntry* file = files_.Find(FileKey{request.FilekeyHi(), request.FilekeyLo()});
+  if (file == nullptr) {
+    reply->SetStatus(ReplyStatus::kUnknown);
+    return true;
+  }
+  // The open stays: giving up the oplock does not close the file.
+  ReleaseOplocks(file, ClientKey::Of(sender, request.Session()), request.Clientfid());
+  return true;
+}

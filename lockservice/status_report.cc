@@ -1,0 +1,108 @@
+// The status report: a banner, the client table and every file that holds a
+// lock, closed by a line of totals.
+#include "foundation/time_stamp.h"
+#include "lockservice/lock_manager_daemon.h"
+#include "lockservice/share_modes.h"
+
+namespace {
+
+// Sums over the files that hold at least one lock.
+struct ReportTotals {
+  unsigned files_used = 0;
+  unsigned open_locks = 0;
+  unsigned record_locks = 0;
+  unsigned oplocks = 0;
+};
+
+const char* StateText(ClientState state) {
+  return state == ClientState::kOk ? "  OK     " : " WAIT    ";
+}
+
+}  // namespace
+
+void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
+  FormatTimeStamp(out, TimeStamp::Now());
+  out << " "
+      << "Ostrand Kelvane Lock Daemon"
+      << " "
+      << "2.01.905"
+      << "\n\n";
+  out << "== Client information\n";
+  WriteClientLines(out);
+  out << "\n== File lock information\n";
+  ReportTotals totals;
+  for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
+    const FileEntry& file = *it.Current();
+    if (file.IsIdle()) continue;
+    ++totals.files_used;
+    totals.open_locks += file.opens.Count();
+    totals.record_locks += file.ranges.Count();
+    totals.oplocks += file.oplocks.Count();
+    WriteFileLines(out, file);
+  }
+  out << "\nFiles: " << files_.Size() << " Used: " << totals.files_used
+      << " OpenLocks: " << totals.open_locks << " RecordLocks: " << totals.record_locks
+      << " OpLocks: " << totals.oplocks << "\n";
+}
+
+void LockManagerDaemon::WriteClientLines(OutputStream& out) {
+  if (clients_.Size() == 0) return;
+  out << "  Name            State SessionId   Address\n";
+  for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
+    const ClientEntry& client = *it.Current();
+    out << "  ";
+    WriteNameField(out, client.name);
+    out << " " << StateText(client.state) << client.session_id << "    " << client.Key().Address()
+        << "\n";
+  }
+}
+
+void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file) {
+  out << "[" << file.key.hi << "," << file.key.lo << "] " << file.path << "\n";
+  if (!file.opens.IsEmpty()) out << "  Open locks: [clientfid type]\n";
+  for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
+    const OpenLock& open = file.opens[slot];
+    out << "    ";
+    WriteNameField(out, HolderName(open.client));
+    out << " " << open.clientfid << " ";
+    WriteOpenMode(out, open.openmode);
+    out << "\n";
+  }
+  if (!file.oplocks.IsEmpty()) out << "  Op locks: [clientfid type]\n";
+  for (uint32_t slot = 0; slot < file.oplocks.Count(); ++slot) {
+    const OpLock& oplock = file.oplocks[slot];
+    out << "    ";
+    WriteNameField(out, HolderName(oplock.client));
+    out << " " << oplock.clientfid << " " << oplock.type << "\n";
+  }
+  if (!file.ranges.IsEmpty()) out << "  Record locks: [clientfid type offset length]\n";
+  for (uint32_t slot = 0; slot < file.ranges.Count(); ++slot) {
+    const RecordLock& range = file.ranges[slot];
+    out << "    ";
+    WriteNameField(out, HolderName(range.client));
+    out << " " << range.clientfid << " " << range.shared << " " << range.offset << " "
+        << range.length << "\n";
+  }
+  out << "\n";
+}
+
+RefString LockManagerDaemon::HolderName(const ClientKey& holder) const {
+  const ClientEntry* client = clients_.Find(holder);
+  return client == nullptr ? RefString() : client->name;
+}
+
+void LockManagerDaemon::SendStatusReport(Descriptor* connection) {
+  TextBuilder report;
+  WriteStatusReport(report);
+  const RefString bytes = report.Bytes();
+  size_t written = 0;
+  while (written < bytes.Length()) {
+    long count = 0;
+    const TransferStatus status =
+        connection->Write(bytes.Text() + written, bytes.Length() - written, &count);
+    if (status == TransferStatus::kComplete) return;
+    // The rest of the report is lost without a word when the peer fails or goes.
+    if (status == TransferStatus::kFailed || status == TransferStatus::kEndOfFile) return;
+    if (status == TransferStatus::kPartial) written += static_cast<size_t>(count);
+  }
+}

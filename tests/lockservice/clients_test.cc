@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "tests/lockservice/daemon_fixture.h"
+
+namespace {
+
+using bytes::Hex;
+using bytes::OpenBytes;
+using bytes::Words;
+
+constexpr char kNoticeHead[] =
+    "\nOstrand Kelvane Lock Daemon NOTICE:\n\n"
+    "The Kelvane server process acting on behalf of ";
+constexpr char kNoticeTail[] =
+    "\nhas stopped responding.  Checking your server logs will help\n"
+    "establish the cause.  Locks owned by the machine are being released.\n";
+
+class ClientsTest : public DaemonTest {
+ protected:
+  void SetUp() override {
+    DaemonTest::SetUp();
+    srand(1);
+    a_ = &AddClient();
+    b_ = &AddClient();
+  }
+
+  // The daemon's probe of `session`, written out byte by byte.
+  static std::string ProbeOf(uint32_t session) {
+    return std::string("\xE8\x03\x00\x00\xFE\xCA\xEF\xBE", 8) + bytes::Word(session) +
+           std::string(16, '\0') + std::string("\xB1\x14\x03\x00\x01\x00\x00\x00", 8);
+  }
+
+  // Opens with an oplock and leaves the probe that comes with it unanswered.
+  void OpenWithOplockStayingSilent(TestClient& client, const bytes::Open& open) {
+    Send(client, OpenBytes(open));
+    ASSERT_EQ(Receive(client), ProbeOf(open.session));
+    ASSERT_EQ(Receive(client), Words({1, open.tag, 0, 0, 1}));
+  }
+
+  TestClient* a_ = nullptr;
+  TestClient* b_ = nullptr;
+};
+
+TEST_F(ClientsTest, ClientEndReleasesOnlyItsOwnSession) {
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 1, .hi = 1})), Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 1, 0, 0, 10, 0})), Words({2, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 2, .hi = 1})), Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({2, 1, 1, 0, 20, 10, 0})), Words({2, 0, 0, 0}));
+  EXPECT_EQ(Exchange(*a_, bytes::HeadBytes({4, 0x44, 1, 0, 0, 0, 0})), Words({4, 0x44, 0, 0}));
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 1 OpLocks: 0\n");
+  // The ended session keeps its row.
+  const std::string report = Report();
+  EXPECT_NE(report.find(ClientRow("PC1            ", "  OK     ", 1, *a_)), std::string::npos)
+      << report;
+  EXPECT_NE(report.find(ClientRow("PC1            ", "  OK     ", 2, *a_)), std::string::npos)
+      << report;
+}
+
+TEST_F(ClientsTest, ClientEndOfAHolderResumesItsWaiters) {
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 1, .oplock = 1})), Words({1, 0, 0, 0, 1}));
+  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 2})), Words({1, 0, 5, 1, 0}));
+  ASSERT_EQ(Next(*a_).size(), 32u);
+  EXPECT_EQ(Exchange(*a_, bytes::HeadBytes({4, 0, 1, 0, 0, 0, 0})), Words({4, 0, 0, 0}));
+  EXPECT_EQ(Next(*b_), Words({9, 0, 0, 1, 2}));
+  EXPECT_EQ(Exchange(*b_, OpenBytes({.session = 2, .waitid = 1})), Words({1, 0, 0, 0, 0}));
+}
+
+TEST_F(ClientsTest, GrantedOplocksProbeTheHolderOncePerTick) {
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 1, .oplock = 1})), Words({1, 0, 0, 0, 1}));
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 2, .oplock = 1})), Words({1, 0, 0, 0, 1}));
+  EXPECT_EQ(a_->probes_answered, 1);
+}
+
+TEST_F(ClientsTest, SweepProbesASilentClient) {
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 0x0A0B0C0D})), Words({1, 0, 0, 0, 0}));
+  daemon_->SweepClients();
+  const std::string probe = Receive(*a_);
+  EXPECT_EQ(probe, ProbeOf(0x0A0B0C0D)) << Hex(probe);
+  EXPECT_NE(Report().find(ClientRow("PC1            ", " WAIT    ", 0x0A0B0C0D, *a_)),
+            std::string::npos);
+}
+
+TEST_F(ClientsTest, ClientAnsweringEveryProbeStays) {
+  ASSERT_EQ(Exchange(*a_, OpenBytes({})), Words({1, 0, 0, 0, 0}));
+  StderrCapture capture;
+  // An answer arrives in the tick after the sweep that probed, which counts
+  // as a sign of life for the next sweep: the client is probed every other one.
+  for (int sweep = 0; sweep < 6; ++sweep) {
+    daemon_->SweepClients();
+    EXPECT_EQ(AnswerPendingProbes(*a_), sweep % 2 == 0 ? 1 : 0) << "sweep " << sweep;
+  }
+  EXPECT_EQ(capture.Text(), "");
+  EXPECT_NE(Report().find(ClientRow("PC1            ", "  OK     ", 1, *a_)), std::string::npos);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(ClientsTest, SilentClientIsReleasedAtTheNextSweep) {
+  const std::string name = "WORKSTATION-0123456";
+  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 3, .lo = 4, .name = name, .path = "/share/a.txt"})),
+            Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(
+      Exchange(*a_,
+               OpenBytes({.clientfid = 2, .hi = 3, .lo = 5, .name = name, .path = "/share/b.txt"})),
+      Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 3, 4, 0, 10, 0})), Words({2, 0, 0, 0}));
+  daemon_->SweepClients();
+  ASSERT_EQ(Receive(*a_), ProbeOf(1));
+  StderrCapture capture;
+  daemon_->SweepClients();
+  EXPECT_EQ(capture.Text(), std::string(kNoticeHead) + "WORKSTATION-012" + kNoticeTail +
+                                "[3,4] = /share/a.txt\n[3,5] = /share/b.txt\n");
+  EXPECT_EQ(Report().find("  Name"), std::string::npos);
+  EXPECT_EQ(Totals(), "Files: 2 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(ClientsTest, DeadHolderIsReleasedAndItsWaiterResumed) {
+  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 5, .lo = 6, .oplock = 1});
+  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 2, .hi = 5, .lo = 6})), Words({1, 0, 5, 1, 0}));
+  ASSERT_EQ(Receive(*a_), Words({8, 0, 0, 0, 5, 6, 1, 1}));
+  daemon_->SweepClients();
+  AnswerPendingProbes(*b_);
+  StderrCapture capture;
+  daemon_->SweepClients();
+  EXPECT_EQ(capture.Text(),
+            std::string(kNoticeHead) + "PC1            " + kNoticeTail + "[5,6] = /share/file\n");
+  EXPECT_EQ(Next(*b_), Words({9, 0, 0, 1, 2}));
+  EXPECT_EQ(Exchange(*b_, OpenBytes({.session = 2, .hi = 5, .lo = 6, .waitid = 1})),
+            Words({1, 0, 0, 0, 0}));
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(ClientsTest, EveryDeadClientGoesInOneSweep) {
+  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 1, .oplock = 1, .name = "ALPHA"});
+  OpenWithOplockStayingSilent(*b_, {.session = 3, .hi = 2, .oplock = 1, .name = "BETA"});
+  daemon_->SweepClients();
+  StderrCapture capture;
+  daemon_->SweepClients();
+  // Session 1 lies in bucket 0 and session 3 in bucket 2 of the client table.
+  EXPECT_EQ(capture.Text(), std::string(kNoticeHead) + "ALPHA          " + kNoticeTail +
+                                "[1,0] = /share/file\n" + kNoticeHead + "BETA           " +
+                                kNoticeTail + "[2,0] = /share/file\n");
+  EXPECT_EQ(Totals(), "Files: 2 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(ClientsTest, ListingNamesOpensBySessionAlone) {
+  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 1, .hi = 9, .path = "/other"})),
+            Words({1, 0, 0, 0, 0}));
+  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 1, .oplock = 1, .path = "/own"});
+  daemon_->SweepClients();
+  AnswerPendingProbes(*b_);
+  // B speaks up in the new tick, so the second sweep leaves it alone.
+  Send(*b_, bytes::ProbeBytes({1000, 0xBEEFCAFE, 1, 0, 0, 0, 0}, 201905, 0));
+  StderrCapture capture;
+  daemon_->SweepClients();
+  // Files (9, 0) and (1, 0) share bucket 0, in the order of their creation.
+  EXPECT_EQ(capture.Text(), std::string(kNoticeHead) + "PC1            " + kNoticeTail +
+                                "[9,0] = /other\n[1,0] = /own\n");
+  EXPECT_NE(Report().find(ClientRow("PC1            ", "  OK     ", 1, *b_)), std::string::npos);
+  EXPECT_EQ(Totals(), "Files: 2 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(ClientsTest, SweepPurgesIdleFilesOnly) {
+  // Ranges alone make no client entries, so the sweeps probe nobody.
+  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 1, 2, 0, 10, 0})), Words({2, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 2, 2, 0, 10, 0})), Words({2, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, bytes::UnlockBytes({1, 1, 2, 2, 0, 10})), Words({3, 0, 0, 0}));
+  ASSERT_EQ(Totals(), "Files: 2 Used: 1 OpenLocks: 0 RecordLocks: 1 OpLocks: 0\n");
+  for (int sweep = 0; sweep < 200 && Totals().rfind("Files: 2", 0) == 0; ++sweep) {
+    daemon_->SweepClients();
+  }
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 1 OpLocks: 0\n");
+  for (int sweep = 0; sweep < 20; ++sweep) daemon_->SweepClients();
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 1 OpLocks: 0\n");
+}
+
+}  // namespace

@@ -1,0 +1,233 @@
+#include "tests/lockservice/daemon_fixture.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "foundation/output_stream.h"
+
+namespace bytes {
+
+std::string Word(uint32_t value) {
+  std::string word(4, '\0');
+  for (int i = 0; i < 4; ++i) word[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
+  return word;
+}
+
+std::string Words(std::initializer_list<uint32_t> values) {
+  std::string datagram;
+  for (uint32_t value : values) datagram += Word(value);
+  return datagram;
+}
+
+uint32_t WordAt(const std::string& datagram, size_t offset) {
+  if (offset + 4 > datagram.size()) return 0;
+  uint32_t value = 0;
+  for (int i = 3; i >= 0; --i)
+    value = value << 8 | static_cast<unsigned char>(datagram[offset + i]);
+  return value;
+}
+
+std::string HeadBytes(const Head& head) {
+  return Words({head.code, head.tag, head.session, head.clientfid, head.hi, head.lo, head.waitid});
+}
+
+std::string OpenBytes(const Open& open) {
+  std::string name = open.name;
+  name.resize(16, '\0');
+  return HeadBytes({1, open.tag, open.session, open.clientfid, open.hi, open.lo, open.waitid}) +
+         Words({open.openmode, open.oplock}) + name + open.path + std::string(1, '\0');
+}
+
+std::string LockBytes(const Range& range) {
+  return HeadBytes({2, 0, range.session, range.clientfid, range.hi, range.lo, 0}) +
+         Words({range.offset, range.length, range.locktype});
+}
+
+std::string UnlockBytes(const Range& range) {
+  return HeadBytes({3, 0, range.session, range.clientfid, range.hi, range.lo, 0}) +
+         Words({range.offset, range.length});
+}
+
+std::string ProbeBytes(const Head& head, uint32_t version, uint32_t wantreply) {
+  return HeadBytes(head) + Words({version, wantreply});
+}
+
+std::string Hex(const std::string& datagram) {
+  std::string text;
+  char pair[4];
+  for (unsigned char byte : datagram) {
+    snprintf(pair, sizeof pair, "%02x ", byte);
+    text += pair;
+  }
+  return text;
+}
+
+}  // namespace bytes
+
+void DaemonTest::SetUp() {
+  char pattern[] = "/tmp/klv-lockservice-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  log_directory_ = pattern;
+  daemon_ = std::make_unique<LockManagerDaemon>(0, RefString(log_directory_.c_str()));
+  SocketAddress address;
+  address.SetLoopback();
+  address.SetPort(0);
+  ASSERT_TRUE(udp_.BindTo(address, SOCK_DGRAM, AddressReuse::kOff, 0, Progress::kQuiet));
+  daemon_->SetUdpSocket(&udp_);
+}
+
+void DaemonTest::TearDown() {
+  daemon_.reset();  // closes the logs
+  for (auto& client : clients_) close(client->fd);
+  unlink((log_directory_ + "/errlock.log").c_str());
+  unlink((log_directory_ + "/journal.log").c_str());
+  rmdir(log_directory_.c_str());
+}
+
+TestClient& DaemonTest::AddClient() {
+  auto client = std::make_unique<TestClient>();
+  client->fd = socket(AF_INET, SOCK_DGRAM, 0);
+  EXPECT_GE(client->fd, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(bind(client->fd, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
+  socklen_t length = sizeof local;
+  EXPECT_EQ(getsockname(client->fd, reinterpret_cast<sockaddr*>(&local), &length), 0);
+  client->address = SocketAddress(*reinterpret_cast<sockaddr*>(&local));
+  clients_.push_back(std::move(client));
+  return *clients_.back();
+}
+
+void DaemonTest::Send(TestClient& client, const std::string& datagram) {
+  daemon_->Dispatch(client.address, reinterpret_cast<const unsigned char*>(datagram.data()),
+                    datagram.size());
+}
+
+std::string DaemonTest::Receive(TestClient& client) {
+  pollfd ready{client.fd, POLLIN, 0};
+  if (poll(&ready, 1, kReceiveMs) != 1) return "";
+  char buffer[2048];
+  const ssize_t count = recv(client.fd, buffer, sizeof buffer, 0);
+  return count > 0 ? std::string(buffer, count) : "";
+}
+
+std::string DaemonTest::Next(TestClient& client) {
+  // Bounded: a daemon that did nothing but probe would end the test here.
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    std::string datagram = Receive(client);
+    const bool is_probe = datagram.size() == 36 && bytes::WordAt(datagram, 0) == 1000 &&
+                          bytes::WordAt(datagram, 32) == 1;
+    if (!is_probe) return datagram;
+    ++client.probes_answered;
+    Send(client, datagram.substr(0, 32) + bytes::Word(0));
+  }
+  return "";
+}
+
+int DaemonTest::AnswerPendingProbes(TestClient& client) {
+  int answered = 0;
+  while (!Silent(client) && answered < 8) {
+    const std::string probe = Receive(client);
+    EXPECT_EQ(bytes::WordAt(probe, 0), 1000u) << bytes::Hex(probe);
+    Send(client, probe.substr(0, 32) + bytes::Word(0));
+    ++answered;
+  }
+  client.probes_answered += answered;
+  return answered;
+}
+
+std::string DaemonTest::ClientRow(const std::string& name_field, const char* state,
+                                  uint32_t session, const TestClient& client) {
+  return "  " + name_field + " " + state + std::to_string(session) +
+         "    127.0.0.1:" + std::to_string(client.address.Port()) + "\n";
+}
+
+std::string DaemonTest::Exchange(TestClient& client, const std::string& request) {
+  Send(client, request);
+  return Next(client);
+}
+
+bool DaemonTest::Silent(TestClient& client) {
+  pollfd ready{client.fd, POLLIN, 0};
+  return poll(&ready, 1, kSilenceMs) == 0;
+}
+
+void DaemonTest::SendToDaemon(TestClient& client, const std::string& datagram) {
+  SocketAddress daemon_address;
+  ASSERT_TRUE(udp_.GetSockName(&daemon_address));
+  ASSERT_EQ(sendto(client.fd, datagram.data(), datagram.size(), 0, daemon_address.Raw(),
+                   sizeof(sockaddr_in)),
+            static_cast<ssize_t>(datagram.size()));
+}
+
+bool DaemonTest::ServeOne() {
+  pollfd ready{udp_.Fd(), POLLIN, 0};
+  if (poll(&ready, 1, kReceiveMs) != 1) return false;
+  unsigned char buffer[2048];
+  long count = 0;
+  SocketAddress sender;
+  const TransferStatus status = udp_.RecvFrom(buffer, sizeof buffer, &count, &sender);
+  if (status != TransferStatus::kPartial) return false;  // a datagram shorter than the buffer
+  daemon_->Dispatch(sender, buffer, static_cast<size_t>(count));
+  return true;
+}
+
+std::string DaemonTest::Report() {
+  TextBuilder builder;
+  daemon_->WriteStatusReport(builder);
+  const RefString text = builder.Bytes();
+  const std::string report(text.Text(), text.Length());
+  return report.substr(report.find('\n') + 1);
+}
+
+std::string DaemonTest::Totals() {
+  const std::string report = Report();
+  const size_t start = report.rfind('\n', report.size() - 2);
+  return report.substr(start + 1);
+}
+
+std::string DaemonTest::ErrorLog() {
+  std::ifstream file(log_directory_ + "/errlock.log");
+  std::stringstream contents;
+  contents << file.rdbuf();
+  return contents.str();
+}
+
+StderrCapture::StderrCapture() {
+  char pattern[] = "/tmp/klv-stderr-XXXXXX";
+  const int fd = mkstemp(pattern);
+  path_ = pattern;
+  fflush(stderr);
+  saved_fd_ = dup(2);
+  dup2(fd, 2);
+  close(fd);
+}
+
+StderrCapture::~StderrCapture() {
+  Text();
+  unlink(path_.c_str());
+}
+
+std::string StderrCapture::Text() {
+  if (saved_fd_ < 0) return text_;
+  fflush(stderr);
+  dup2(saved_fd_, 2);
+  close(saved_fd_);
+  saved_fd_ = -1;
+  std::ifstream file(path_);
+  std::stringstream contents;
+  contents << file.rdbuf();
+  text_ = contents.str();
+  return text_;
+}

@@ -1,1 +1,172 @@
-// Placeholder.
+#include "daemon/startup.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "daemon/event_log.h"
+#include "daemon/event_loop.h"
+#include "daemon/signals.h"
+#include "daemon/status_probe.h"
+#include "foundation/output_stream.h"
+#include "foundation/ref_string.h"
+#include "foundation/socket.h"
+#include "lockservice/lock_manager_daemon.h"
+
+namespace {
+
+constexpr const char kWillNotStart[] = "FATAL ERROR: The Kelvane server will not start.\n";
+constexpr const char kUsage[] = "Usage: klvlockd <timeout> <logdir> | klvlockd <status port>\n";
+constexpr const char kStatusLine[] =
+    "_klvlockd_port=%d ; _klvlockd_pid=%d ; _klvlockd_status=%d; "
+    "export _klvlockd_port _klvlockd_pid _klvlockd_status\n";
+constexpr int kMinimumSocketBuffer = 32768;
+
+// Exit statuses of the daemon form before the loop runs.
+enum StartStatus {
+  kStarted = 0,
+  kCannotStart = 1,  // bad arguments, bad log directory, UDP port not bound
+  kNoUdpAddress = 2,
+  kNoTcpPort = 3,
+  kNoTcpAddress = 4,
+  kCannotListen = 5,
+};
+
+struct Ports {
+  int udp = 0;
+  int tcp = 0;
+};
+
+// Fatal start-up messages go to the start-up script's standard error only,
+// headed like an error record; the logs are not open yet.
+void ReportStartFailure(const TextBuilder& message) {
+  FileStream err(stderr);
+  err << EventLog::ErrorHeader("lockd/init/failed") << message.Text();
+  err.Flush();
+}
+
+int BadArgumentList(int argc, char** argv) {
+  TextBuilder message;
+  message << kWillNotStart << "Bad argument list:";
+  for (int index = 1; index < argc; ++index) message << " " << RefString(argv[index]);
+  message << "\n" << kUsage;
+  ReportStartFailure(message);
+  return kCannotStart;
+}
+
+bool LogDirectoryExists(const char* logdir) {
+  struct stat status;
+  TextBuilder message;
+  if (stat(logdir, &status) != 0) {
+    message << kWillNotStart << "None existent logdir: " << RefString(logdir) << "\n";
+  } else if (!S_ISDIR(status.st_mode)) {
+    message << kWillNotStart << "logdir is not a directory: " << RefString(logdir) << "\n";
+  } else {
+    return true;
+  }
+  ReportStartFailure(message);
+  return false;
+}
+
+// Reports the last failure of `socket` after `text` and answers `status`.
+int SocketFailed(const char* text, const Socket& socket, int status) {
+  TextBuilder message;
+  message << kWillNotStart << text << socket.LastFailure().Text() << "\n";
+  ReportStartFailure(message);
+  return status;
+}
+
+// One bind attempt on 127.0.0.1 at a port that the system chooses.
+bool BindLocal(Socket* socket, int type) {
+  SocketAddress address;
+  address.SetLoopback();
+  return socket->BindTo(address, type, AddressReuse::kOff, 0, Progress::kQuiet);
+}
+
+// Binds the UDP and the TCP socket and makes the TCP one listen. Answers
+// kStarted with the two ports, or the exit status of the first failure; the
+// sockets are closed when it fails.
+int OpenSockets(Socket* udp, Socket* tcp, Ports* ports) {
+  SocketAddress address;
+  if (!BindLocal(udp, SOCK_DGRAM)) {
+    return SocketFailed("Unable to bind to local udp port:\n", *udp, kCannotStart);
+  }
+  if (!udp->GetSockName(&address)) {
+    SocketFailed("Unable to find local udp port address:\n", *udp, kNoUdpAddress);
+    udp->Close();
+    return kNoUdpAddress;
+  }
+  ports->udp = address.Port();
+
+  int status = kStarted;
+  if (!BindLocal(tcp, SOCK_STREAM)) {
+    status = SocketFailed("Unable to bind to local tcp port:\n", *tcp, kNoTcpPort);
+  } else if (!tcp->GetSockName(&address)) {
+    status = SocketFailed("Unable to find local tcp port address:\n", *tcp, kNoTcpAddress);
+  } else if (!tcp->Listen(5)) {
+    status = SocketFailed("Unable to listen on local tcp port address:\n", *tcp, kCannotListen);
+  }
+  if (status != kStarted) {
+    udp->Close();
+    tcp->Close();
+    return status;
+  }
+  ports->tcp = address.Port();
+  return kStarted;
+}
+
+// The results are not checked: smaller buffers only lose datagrams sooner.
+void RaiseSocketBuffers(Socket* udp) {
+  if (udp->GetSendBuffer() < kMinimumSocketBuffer) udp->SetSendBuffer(kMinimumSocketBuffer);
+  if (udp->GetRecvBuffer() < kMinimumSocketBuffer) udp->SetRecvBuffer(kMinimumSocketBuffer);
+}
+
+// Runs in the daemon process: the daemon object lives on this stack for the
+// life of the process, and its address is where the fatal-signal handler
+// finds the error log.
+int RunDaemon(int timeout, const char* logdir, Socket* udp, Socket* tcp) {
+  LockManagerDaemon daemon(timeout, RefString(logdir));
+  RegisterDaemon(&daemon);
+  RaiseSocketBuffers(udp);
+  EventLoop loop(&daemon, udp, tcp);
+  const int status = loop.Run();
+  RegisterDaemon(nullptr);
+  return status;
+}
+
+// A failed fork leaves the starting process to run as the daemon, without a
+// status line.
+int StartDaemon(const char* timeout_argument, const char* logdir) {
+  const int timeout = atoi(timeout_argument);
+  if (!LogDirectoryExists(logdir)) return kCannotStart;
+  Socket udp;
+  Socket tcp;
+  Ports ports;
+  const int status = OpenSockets(&udp, &tcp, &ports);
+  if (status != kStarted) return status;
+
+  const pid_t child = fork();
+  if (child > 0) {
+    printf(kStatusLine, ports.udp, static_cast<int>(child), ports.tcp);
+    fflush(stdout);
+    udp.Close();
+    tcp.Close();
+    return kStarted;
+  }
+  setsid();
+  close(STDIN_FILENO);
+  close(STDOUT_FILENO);  // standard error stays: error records go there too
+  return RunDaemon(timeout, logdir, &udp, &tcp);
+}
+
+}  // namespace
+
+int RunKlvlockd(int argc, char** argv) {
+  IgnoreStartupSignals();
+  if (argc == 2) return RunStatusProbe(argv[1]);
+  if (argc != 3) return BadArgumentList(argc, argv);
+  return StartDaemon(argv[1], argv[2]);
+}

@@ -1,0 +1,59 @@
+#ifndef KLV_DAEMON_EVENT_LOOP_H_
+#define KLV_DAEMON_EVENT_LOOP_H_
+
+#include <sys/time.h>
+
+#include "foundation/descriptor_set.h"
+#include "foundation/socket.h"
+#include "foundation/time_stamp.h"
+
+class LockManagerDaemon;
+
+// The daemon's running life: waits on the UDP and the listening TCP socket,
+// hands each datagram to the daemon's dispatcher, answers each status
+// connection from a forked child, and runs the dead-client sweep when a wait
+// finds nothing once the check time has come. Ends when a stop signal has
+// arrived, or ends the process through a fatal error.
+class EventLoop {
+ public:
+  // Nothing is taken over: the caller keeps the daemon and both sockets alive
+  // until Run returns.
+  EventLoop(LockManagerDaemon* daemon, Socket* udp, Socket* tcp);
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+
+  // Opens the logs, installs the signal handlers and serves until a stop
+  // signal; then writes the stop event, closes the logs and returns 0, the
+  // daemon's exit status.
+  int Run();
+
+ private:
+  void Enter();
+  void Leave();
+  // Waits for input until the check time: the number of ready descriptors, 0
+  // when none, -1 when a signal interrupted the wait. Any other failure of the
+  // wait is fatal.
+  int WaitForInput();
+  // Raises the fatal "locking/socket/error"; does not return.
+  void WaitFailed(int error_number, const timeval& timeout);
+  void RunSweep();
+  void HandleStatusConnection();
+  void HandleDatagram();
+  void DiscardEmptyDatagram();
+  // Raises the fatal "locking/socket/readerror"; does not return.
+  void ReadFailed();
+
+  LockManagerDaemon* daemon_;
+  Socket* udp_;
+  Socket* tcp_;
+  DescriptorSet watched_;
+  DescriptorSet readable_;  // the working copy that each wait overwrites
+  TimeStamp next_check_;
+};
+
+// The time from `now` until `due`: zero once the seconds of `now` have reached
+// those of `due` (the microseconds are not compared), else the difference,
+// borrowing a second when the microseconds would go negative.
+timeval TimeUntil(const TimeStamp& now, const TimeStamp& due);
+
+#endif  // KLV_DAEMON_EVENT_LOOP_H_

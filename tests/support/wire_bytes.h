@@ -1,0 +1,94 @@
+#ifndef KLV_TESTS_SUPPORT_WIRE_BYTES_H_
+#define KLV_TESTS_SUPPORT_WIRE_BYTES_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+// Request bytes for tests, written word by word, low byte first, apart from
+// the daemon's own encoder, so that a fault in the encoder cannot hide in the
+// expected bytes. Every builder returns the datagram as a std::string.
+namespace wire {
+
+// Request codes.
+constexpr uint32_t kOpen = 1;
+constexpr uint32_t kLock = 2;
+constexpr uint32_t kUnlock = 3;
+constexpr uint32_t kClientEnd = 4;
+constexpr uint32_t kText = 5;
+constexpr uint32_t kClose = 6;
+constexpr uint32_t kOplockRelease = 7;
+constexpr uint32_t kOplockBreak = 8;  // sent by the daemon
+constexpr uint32_t kOpenRetry = 9;    // sent by the daemon
+constexpr uint32_t kProbe = 1000;
+constexpr uint32_t kNoop = 1001;
+
+// Reply status codes.
+constexpr uint32_t kDone = 0;
+constexpr uint32_t kConflict = 1;
+constexpr uint32_t kNotFound = 2;
+constexpr uint32_t kUnknown = 4;
+constexpr uint32_t kWait = 5;
+
+constexpr size_t kRequestHeadSize = 28;
+constexpr size_t kReplyHeadSize = 16;
+constexpr size_t kProbeSize = 36;
+constexpr uint32_t kVersion = 201905;  // 2.01.905
+constexpr uint32_t kProbeTag = 0xBEEFCAFE;
+
+// The seven words of a request head:
+//   0 code   4 tag   8 session   12 clientfid   16 filekey_hi   20 filekey_lo   24 waitid
+struct RequestHead {
+  uint32_t code = 0;
+  uint32_t tag = 0;
+  uint32_t session = 0;
+  uint32_t clientfid = 0;
+  uint32_t filekey_hi = 0;
+  uint32_t filekey_lo = 0;
+  uint32_t waitid = 0;
+};
+
+// Four bytes, low byte first.
+std::string Word(uint32_t value);
+// The words one after the other: Words({5, tag, 0, 0}) is a 16-byte reply.
+std::string Words(std::initializer_list<uint32_t> values);
+// The word at `offset`, or 0 when it does not lie wholly inside `bytes`.
+uint32_t WordAt(const std::string& bytes, size_t offset);
+
+// The 28-byte head alone, with its code as given.
+std::string HeadBytes(const RequestHead& head);
+// REQ_OPEN: head, openmode, oplockwanted, the name in a 16-byte field (cut to
+// 16, padded with NULs) and the path with its NUL.
+std::string OpenBytes(RequestHead head, uint32_t openmode, uint32_t oplockwanted,
+                      const std::string& clientname, const std::string& path);
+// REQ_LOCK: head, offset, length, locktype.
+std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length, uint32_t locktype);
+// REQ_UNLOCK: head, offset, length.
+std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length);
+// REQ_TEXT: head and the text with its NUL.
+std::string TextBytes(RequestHead head, const std::string& text);
+// A head with the code of the request and nothing behind it: REQ_CLIENT_END,
+// REQ_CLOSE, REQ_OPLOCK_RELEASE, REQ_NOOP or any other code.
+std::string BareBytes(uint32_t code, RequestHead head);
+// REQ_PROBE: head, version, wantreply (36 bytes).
+std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply);
+
+// The four words of a reply head.
+struct ReplyHead {
+  uint32_t code = 0;
+  uint32_t tag = 0;
+  uint32_t status = 0;
+  uint32_t value = 0;
+};
+// Reads the reply head; words beyond the end read as 0.
+ReplyHead ReadReplyHead(const std::string& bytes);
+
+// The bytes written as hex digit pairs, blanks ignored: FromHex("e9030000 07000000").
+std::string FromHex(const std::string& hex);
+// Bytes as hex pairs ("05 00 00 00 ..."), for readable assertion messages.
+std::string Hex(const std::string& bytes);
+
+}  // namespace wire
+
+#endif  // KLV_TESTS_SUPPORT_WIRE_BYTES_H_

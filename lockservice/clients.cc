@@ -1,5 +1,6 @@
 // The client table: registration, liveness probes, the end of a client and
 // the periodic sweep that releases clients which stopped answering.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -73,18 +74,24 @@ void LockManagerDaemon::SweepClients() {
   // Each OK client is probed with chance 1/m, so about two per sweep.
   const uint32_t m = clients_.Size() / 2 + 1;
   // Releasing a client changes the table, so the walk starts over after each.
-  while (ClientEntry* dead = FindDeadClient(m)) ReleaseDeadClient(dead);
+  // A client probed by this sweep is in WAIT when the walk comes round again;
+  // it must have until the next sweep to answer, so it is passed over.
+  std::vector<const ClientEntry*> probed;
+  while (ClientEntry* dead = FindDeadClient(m, &probed)) ReleaseDeadClient(dead);
   ++sweep_tick_;
 }
 
-ClientEntry* LockManagerDaemon::FindDeadClient(uint32_t m) {
+ClientEntry* LockManagerDaemon::FindDeadClient(uint32_t m,
+                                               std::vector<const ClientEntry*>* probed) {
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {
       if (static_cast<uint32_t>(std::rand()) % m != 0) continue;
       if (client->activity_tick >= sweep_tick_) continue;
       SendProbe(client);
-    } else if (sweep_tick_ > client->activity_tick + 1) {
+      probed->push_back(client);
+    } else if (sweep_tick_ > client->activity_tick + 1 &&
+               std::find(probed->begin(), probed->end(), client) == probed->end()) {
       return client;
     }
   }

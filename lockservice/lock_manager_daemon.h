@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "daemon/event_log.h"
 #include "foundation/descriptor.h"
@@ -79,9 +80,10 @@ class LockManagerDaemon {
   // Probes the client when it is in state OK and silent since the last sweep.
   void CheckLiveness(const ClientKey& key);
   void SendProbe(ClientEntry* client);
-  // Walks the client table, probing each silent OK client with chance 1/m,
-  // up to the first client found dead, which it returns; nullptr at the end.
-  ClientEntry* FindDeadClient(uint32_t m);
+  // Walks the client table, probing each silent OK client with chance 1/m
+  // and adding it to `probed`, up to the first client found dead (and not
+  // probed by this sweep), which it returns; nullptr at the end.
+  ClientEntry* FindDeadClient(uint32_t m, std::vector<const ClientEntry*>* probed);
   void ReleaseDeadClient(ClientEntry* client);
   void WriteDeadClientNotice(const ClientEntry& client);
 

@@ -1,5 +1,6 @@
 #include "daemon/startup.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -137,6 +138,20 @@ int RunDaemon(int timeout, const char* logdir, Socket* udp, Socket* tcp) {
   return status;
 }
 
+// Closes standard input and output, so that the start-up script's pipe sees
+// its end, and puts /dev/null in their place: a descriptor 0 or 1 left free
+// would be taken by a log file, and a stray write to standard output would
+// land in it. Standard error stays: error records go there too.
+void DetachStandardInputAndOutput() {
+  close(STDIN_FILENO);
+  close(STDOUT_FILENO);
+  const int null_fd = open("/dev/null", O_RDWR);
+  if (null_fd < 0) return;
+  if (null_fd != STDIN_FILENO) dup2(null_fd, STDIN_FILENO);
+  dup2(null_fd, STDOUT_FILENO);
+  if (null_fd > STDOUT_FILENO) close(null_fd);
+}
+
 // A failed fork leaves the starting process to run as the daemon, without a
 // status line.
 int StartDaemon(const char* timeout_argument, const char* logdir) {
@@ -157,8 +172,7 @@ int StartDaemon(const char* timeout_argument, const char* logdir) {
     return kStarted;
   }
   setsid();
-  close(STDIN_FILENO);
-  close(STDOUT_FILENO);  // standard error stays: error records go there too
+  DetachStandardInputAndOutput();
   return RunDaemon(timeout, logdir, &udp, &tcp);
 }
 

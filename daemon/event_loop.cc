@@ -1,5 +1,6 @@
 #include "daemon/event_loop.h"
 
+#include <fcntl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -50,6 +51,10 @@ int EventLoop::Run() {
 }
 
 void EventLoop::Enter() {
+  // A datagram that select announced may be gone when it is read (the
+  // kernel drops one that fails its checksum); without O_NONBLOCK that read
+  // would hang the daemon. Would-block reads as a datagram of length zero.
+  fcntl(udp_->Fd(), F_SETFL, fcntl(udp_->Fd(), F_GETFL) | O_NONBLOCK);
   daemon_->SetUdpSocket(udp_);
   daemon_->Log().OpenLogs();
   InstallStopHandler();

@@ -37,6 +37,7 @@ TEST_F(OplocksEndToEnd, GrantProbesANewClientFirst) {
   ASSERT_TRUE(holder_.Send(Words({1000, 0xBEEFCAFE, 0xA0, 0, 0, 0, 0, 201905, 0})));
   ASSERT_TRUE(holder_.Udp().Receive(&datagram));
   EXPECT_EQ(Hex(datagram), Hex(Words({1, kTag, 0, 0, 1})));
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 1");
 
   // Heard from since: the next grant comes without a probe.
   ASSERT_TRUE(holder_.Send(holder_.OpenRequest(kOtherFile, 12, kRead, {.oplockwanted = 1})));
@@ -61,6 +62,36 @@ TEST_F(OplocksEndToEnd, BreakWaitReleaseAndRetry) {
             Hex(Words({1, kTag, 0, 0, 0})));
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 2 RecordLocks: 0 OpLocks: 0");
   holder_.ExpectNoMessage();
+  second_.ExpectNoMessage();
+}
+
+TEST_F(OplocksEndToEnd, RetryGetsNoOplockEvenWhenNobodyHasTheFileOpen) {
+  HolderTakesTheOplock();
+  EXPECT_EQ(Hex(second_.Open(kFile, 21, kRead | kDenyNone, {.oplockwanted = 1})),
+            Hex(Words({1, kTag, 5, 1, 0})));
+  EXPECT_EQ(Hex(holder_.Next()), Hex(Words({8, 0, 0, 0, 0x1234, 0x5678, 11, 0xA0})));
+  EXPECT_EQ(holder_.ReleaseOplock(kFile, 11), kDone);
+  EXPECT_EQ(Hex(second_.Next()), Hex(Words({9, 0, 0, 1, 0xB0})));
+  EXPECT_EQ(holder_.ReleaseOplock(kFile, 11), kDone);  // nothing left to release
+  EXPECT_EQ(holder_.Close(kFile, 11), kDone);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0");
+
+  EXPECT_EQ(Hex(second_.Open(kFile, 21, kRead | kDenyNone, {.oplockwanted = 1, .waitid = 1})),
+            Hex(Words({1, kTag, 0, 0, 0})));
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");
+}
+
+TEST_F(OplocksEndToEnd, EarlyRetryWithdrawsTheOldWaitAndWaitsAnew) {
+  HolderTakesTheOplock();
+  EXPECT_EQ(Hex(second_.Open(kFile, 21, kRead | kDenyNone)), Hex(Words({1, kTag, 5, 1, 0})));
+  EXPECT_EQ(Hex(holder_.Next()), Hex(Words({8, 0, 0, 0, 0x1234, 0x5678, 11, 0xA0})));
+  // Retried before the release: the oplock still stands, so a new wait begins.
+  EXPECT_EQ(Hex(second_.Open(kFile, 21, kRead | kDenyNone, {.waitid = 1})),
+            Hex(Words({1, kTag, 5, 2, 0})));
+  EXPECT_EQ(Hex(holder_.Next()), Hex(Words({8, 0, 0, 0, 0x1234, 0x5678, 11, 0xA0})));
+
+  EXPECT_EQ(holder_.ReleaseOplock(kFile, 11), kDone);
+  EXPECT_EQ(Hex(second_.Next()), Hex(Words({9, 0, 0, 2, 0xB0})));
   second_.ExpectNoMessage();
 }
 
@@ -100,6 +131,7 @@ TEST_F(OplocksEndToEnd, CloseReleasesTheOplockAndRetryMayWaitAgain) {
   EXPECT_EQ(Hex(holder_.Next()), Hex(Words({8, 0, 0, 0, 0x1234, 0x5678, 11, 0xA0})));
   EXPECT_EQ(holder_.Close(kFile, 11), kDone);
   EXPECT_EQ(Hex(second_.Next()), Hex(Words({9, 0, 0, 1, 0xB0})));
+  EXPECT_EQ(Totals(), "Files: 1 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0");
 
   // The file is free again: a third process takes a new oplock before the
   // waiter retries, and the retry meets it.
@@ -114,6 +146,16 @@ TEST_F(OplocksEndToEnd, CloseReleasesTheOplockAndRetryMayWaitAgain) {
 TEST_F(OplocksEndToEnd, ReleaseOfUnknownFileIsAnsweredFour) {
   EXPECT_EQ(Hex(holder_.Ask(wire::BareBytes(wire::kOplockRelease, holder_.Head(kFile, 11)))),
             Hex(Words({7, kTag, 4, 0})));
+}
+
+TEST_F(OplocksEndToEnd, ReleaseUnderAnotherClientfidOrAddressKeepsTheOplock) {
+  HolderTakesTheOplock();
+  ServerProcess same_session_elsewhere = NewProcess(0xA0, "holder");
+  EXPECT_EQ(holder_.ReleaseOplock(kFile, 12), kDone);
+  EXPECT_EQ(same_session_elsewhere.ReleaseOplock(kFile, 11), kDone);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 1");
+  EXPECT_EQ(Hex(second_.Open(kFile, 21, kRead | kDenyNone)), Hex(Words({1, kTag, 5, 1, 0})));
+  EXPECT_EQ(Hex(holder_.Next()), Hex(Words({8, 0, 0, 0, 0x1234, 0x5678, 11, 0xA0})));
 }
 
 TEST_F(OplocksEndToEnd, ReleaseOfAnOplockNotHeldIsDoneAndKeepsTheOpen) {

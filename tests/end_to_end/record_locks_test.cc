@@ -32,6 +32,7 @@ TEST_F(RecordLocksEndToEnd, AdjacentRangesDoNotOverlap) {
   EXPECT_EQ(second_.Lock(kFile, 2, 90, 10, kExclusive), kDone);
   EXPECT_EQ(second_.Lock(kFile, 3, 149, 1, kExclusive), kConflict);
   EXPECT_EQ(second_.Lock(kFile, 3, 99, 2, kExclusive), kConflict);
+  EXPECT_EQ(second_.Lock(kFile, 3, 99, 2, kShared), kConflict);
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 3 OpLocks: 0");
 }
 
@@ -41,6 +42,7 @@ TEST_F(RecordLocksEndToEnd, ZeroLengthNeverConflictsAndIsRecorded) {
   EXPECT_EQ(first_.Lock(kFile, 1, 120, 0, kExclusive), kDone);
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 3 OpLocks: 0");
   EXPECT_EQ(second_.Unlock(kFile, 2, 120, 0), kDone);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 2 OpLocks: 0");
   EXPECT_EQ(second_.Unlock(kFile, 2, 120, 0), kNotFound);
 }
 
@@ -69,12 +71,20 @@ TEST_F(RecordLocksEndToEnd, RangeEndWrapsAtThirtyTwoBits) {
   EXPECT_EQ(second_.Lock(kFile, 2, 0, 0x100, kExclusive), kDone);
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 3 OpLocks: 0");
   EXPECT_EQ(first_.Unlock(kFile, 1, 0xFFFFFFF0, 0x20), kDone);
+
+  // The other way round: the wrapping range comes last and meets neither
+  // [0, 0x20) nor [0xFFFFFFE0, 0xFFFFFFF8).
+  EXPECT_EQ(first_.Lock(kOtherFile, 1, 0, 0x20, kExclusive), kDone);
+  EXPECT_EQ(first_.Lock(kOtherFile, 1, 0xFFFFFFE0, 0x18, kExclusive), kDone);
+  EXPECT_EQ(second_.Lock(kOtherFile, 2, 0xFFFFFFF0, 0x20, kExclusive), kDone);
+  EXPECT_EQ(Totals(), "Files: 2 Used: 2 OpenLocks: 0 RecordLocks: 5 OpLocks: 0");
 }
 
 TEST_F(RecordLocksEndToEnd, UnlockNeedsTheExactRangeClientAndClientfid) {
   ServerProcess same_session_elsewhere = NewProcess(1, "first");
   ServerProcess other_session_here = first_.AnotherSession(7, "first");
   EXPECT_EQ(first_.Unlock(kFile, 1, 100, 50), kNotFound);  // unknown file
+  EXPECT_EQ(Totals(), "Files: 0 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0");
   EXPECT_EQ(first_.Lock(kFile, 1, 100, 50, kExclusive), kDone);
   EXPECT_EQ(first_.Lock(kFile, 1, 150, 50, kExclusive), kDone);
   EXPECT_EQ(first_.Unlock(kFile, 1, 100, 25), kNotFound);   // a part
@@ -117,6 +127,7 @@ TEST_F(RecordLocksEndToEnd, CloseDropsTheRangesOfItsClientfid) {
   EXPECT_EQ(first_.Lock(kFile, 2, 10, 10, kExclusive), kDone);
   EXPECT_EQ(second_.Lock(kFile, 1, 20, 10, kExclusive), kDone);
   EXPECT_EQ(first_.Close(kFile, 1), kDone);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 0 RecordLocks: 2 OpLocks: 0");
 
   ServerProcess third = NewProcess(3, "third");
   EXPECT_EQ(third.Lock(kFile, 3, 0, 10, kExclusive), kDone);

@@ -1,6 +1,6 @@
 // Share modes on the running daemon: every cell of the compatibility table,
-// the access and deny values that act as others, and opens that meet several
-// held opens.
+// the access and deny values that act as others, opens that meet several
+// held opens, and what a close leaves behind.
 
 #include <cstdint>
 #include <string>
@@ -103,6 +103,7 @@ TEST_F(ShareModesEndToEnd, BitsAboveTheDenyBitsAreIgnored) {
   for (int index = 0; index < 15; ++index) {
     ExpectActsAs(kModes[index] | 0x80, index);
     ExpectActsAs(kModes[index] | 0xFFFFFF80, index);
+    ExpectActsAs(kModes[index] | 0xFFFF0F00, index);  // bit 7 clear, higher bits set
   }
 }
 
@@ -131,18 +132,41 @@ TEST_F(ShareModesEndToEnd, RefusedOpenLeavesNoOpenLock) {
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");
   EXPECT_EQ(newcomer_.Close(file, 2), kDone);
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");
+  // The holder's open is still in the way.
+  EXPECT_EQ(newcomer_.OpenStatus(file, 3, kRead | kDenyNone), kConflict);
   EXPECT_EQ(holder_.Close(file, 1), kDone);
   EXPECT_EQ(newcomer_.OpenStatus(file, 2, kRead | kDenyReadWrite), kDone);
 }
 
 TEST_F(ShareModesEndToEnd, CloseLeavesTheClientsOtherClientfids) {
-  const FileKey file = FreshFile();
+  const FileKey file = {3, 4};
   EXPECT_EQ(holder_.OpenStatus(file, 1, kRead | kDenyNone), kDone);
   EXPECT_EQ(holder_.OpenStatus(file, 2, kRead | kDenyNone), kDone);
+  EXPECT_EQ(holder_.OpenStatus(file, 1, kRead | kDenyNone), kDone);
+  // One close ends both opens of clientfid 1.
   EXPECT_EQ(holder_.Close(file, 1), kDone);
+  EXPECT_EQ(ReportAfterBanner(), "\n== Client information\n" + std::string(kClientHeading) +
+                                     ClientRow("holder         ", kOk, "1", holder_) +
+                                     "\n== File lock information\n"
+                                     "[3,4] \n"
+                                     "  Open locks: [clientfid type]\n"
+                                     "    holder          2 OPEN_READ|DENY_NONE\n"
+                                     "\n"
+                                     "\nFiles: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0\n");
   EXPECT_EQ(newcomer_.OpenStatus(file, 3, kWrite | kDenyRead), kConflict);
   EXPECT_EQ(holder_.Close(file, 2), kDone);
   EXPECT_EQ(newcomer_.OpenStatus(file, 3, kWrite | kDenyRead), kDone);
+}
+
+TEST_F(ShareModesEndToEnd, CloseFromAnotherSessionOrAddressLeavesTheOpen) {
+  ServerProcess other_session_here = holder_.AnotherSession(2, "holder");
+  ServerProcess same_session_elsewhere = NewProcess(1, "holder");
+  const FileKey file = FreshFile();
+  EXPECT_EQ(holder_.OpenStatus(file, 1, kRead | kDenyNone), kDone);
+  EXPECT_EQ(other_session_here.Close(file, 1), kDone);
+  EXPECT_EQ(same_session_elsewhere.Close(file, 1), kDone);
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");
+  EXPECT_EQ(newcomer_.OpenStatus(file, 3, kWrite | kDenyRead), kConflict);
 }
 
 TEST_F(ShareModesEndToEnd, CloseOfUnknownFileIsDoneAndAddsNothing) {

@@ -74,6 +74,7 @@ TEST_F(StatusReportEndToEnd, RowsOfEveryKindOfLock) {
             Hex(Words({1, kTag, 0, 0, 0})));
   EXPECT_EQ(beta.Lock({1, 1}, 4, 100, 50, 1), kDone);
   EXPECT_EQ(alpha.Lock({1, 1}, 9, 0, 10, 2), kDone);
+  EXPECT_EQ(alpha.Lock({2, 0}, 7, 200, 10, 1), kDone);
 
   EXPECT_EQ(ReportAfterBanner(),
             "\n== Client information\n" + std::string(kClientHeading) +
@@ -96,8 +97,10 @@ TEST_F(StatusReportEndToEnd, RowsOfEveryKindOfLock) {
                 "    alpha           7 OPEN_READWRITE|DENY_WRITE\n"
                 "  Op locks: [clientfid type]\n"
                 "    alpha           7 3\n"
+                "  Record locks: [clientfid type offset length]\n"
+                "    alpha           7 1 200 10\n"
                 "\n"
-                "\nFiles: 3 Used: 3 OpenLocks: 4 RecordLocks: 2 OpLocks: 1\n");
+                "\nFiles: 3 Used: 3 OpenLocks: 4 RecordLocks: 3 OpLocks: 1\n");
 }
 
 TEST_F(StatusReportEndToEnd, OpenModeTexts) {
@@ -139,6 +142,49 @@ TEST_F(StatusReportEndToEnd, OpenModeTexts) {
                 "    pc              1 14(=READ)112(=DENY_NONE)\n"
                 "\n"
                 "\nFiles: 4 Used: 4 OpenLocks: 10 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(StatusReportEndToEnd, OpenModeTextsWithDenyNone) {
+  ServerProcess pc = NewProcess(1, "pc");
+  uint32_t clientfid = 1;
+  for (const uint32_t mode : {0x47u, 0x4Fu, 0x50u, 0x43u}) {
+    EXPECT_EQ(pc.OpenStatus({8, 0}, clientfid++, mode), kDone) << "mode " << mode;
+  }
+  EXPECT_EQ(ReportAfterBanner(), "\n== Client information\n" + std::string(kClientHeading) +
+                                     ClientRow("pc             ", kOk, "1", pc) +
+                                     "\n== File lock information\n"
+                                     "[8,0] \n"
+                                     "  Open locks: [clientfid type]\n"
+                                     "    pc              1 7(=READ)DENY_NONE\n"
+                                     "    pc              2 OPEN_MSDOS(=READWRITE)|DENY_NONE\n"
+                                     "    pc              3 OPEN_READ|80(=DENY_NONE)\n"
+                                     "    pc              4 OPEN_EXECUTE(=READ)|DENY_NONE\n"
+                                     "\n"
+                                     "\nFiles: 1 Used: 1 OpenLocks: 4 RecordLocks: 0 OpLocks: 0\n");
+}
+
+TEST_F(StatusReportEndToEnd, OpenWithoutAPathKeepsTheNameAndANewPathReplacesIt) {
+  ServerProcess pc = NewProcess(1, "pc");
+  EXPECT_EQ(Hex(pc.Open({3, 4}, 1, kRead | kDenyNone, {.path = "/first"})),
+            Hex(Words({1, kTag, 0, 0, 0})));
+  EXPECT_EQ(pc.OpenStatus({3, 4}, 2, kRead | kDenyNone), kDone);  // an empty path
+  const std::string clients = "\n== Client information\n" + std::string(kClientHeading) +
+                              ClientRow("pc             ", kOk, "1", pc) +
+                              "\n== File lock information\n";
+  const std::string opens =
+      "  Open locks: [clientfid type]\n"
+      "    pc              1 OPEN_READ|DENY_NONE\n"
+      "    pc              2 OPEN_READ|DENY_NONE\n";
+  EXPECT_EQ(ReportAfterBanner(),
+            clients + "[3,4] /first\n" + opens +
+                "\n\nFiles: 1 Used: 1 OpenLocks: 2 RecordLocks: 0 OpLocks: 0\n");
+
+  EXPECT_EQ(Hex(pc.Open({3, 4}, 3, kRead | kDenyNone, {.path = "/second"})),
+            Hex(Words({1, kTag, 0, 0, 0})));
+  EXPECT_EQ(ReportAfterBanner(),
+            clients + "[3,4] /second\n" + opens +
+                "    pc              3 OPEN_READ|DENY_NONE\n"
+                "\n\nFiles: 1 Used: 1 OpenLocks: 3 RecordLocks: 0 OpLocks: 0\n");
 }
 
 TEST_F(StatusReportEndToEnd, LockOfAClientWithoutEntryHasABlankName) {

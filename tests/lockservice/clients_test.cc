@@ -7,9 +7,8 @@
 
 namespace {
 
-using bytes::Hex;
-using bytes::OpenBytes;
-using bytes::Words;
+using wire::Hex;
+using wire::Words;
 
 constexpr char kNoticeHead[] =
     "\nOstrand Kelvane Lock Daemon NOTICE:\n\n"
@@ -27,55 +26,35 @@ class ClientsTest : public DaemonTest {
     b_ = &AddClient();
   }
 
-  // The daemon's probe of `session`, written out byte by byte.
+  // The daemon's probe of `session`: code, tag, session, four zero words,
+  // version 2.01.905 and wantreply 1.
   static std::string ProbeOf(uint32_t session) {
-    return std::string("\xE8\x03\x00\x00\xFE\xCA\xEF\xBE", 8) + bytes::Word(session) +
-           std::string(16, '\0') + std::string("\xB1\x14\x03\x00\x01\x00\x00\x00", 8);
+    return Words({1000, 0xBEEFCAFE, session, 0, 0, 0, 0, 201905, 1});
+  }
+
+  // REQ_OPEN, read-only and denying nothing, without an oplock unless asked.
+  static std::string OpenRequest(const wire::RequestHead& head, uint32_t oplockwanted = 0,
+                                 const std::string& name = kClientName,
+                                 const std::string& path = kSharePath) {
+    return wire::OpenBytes(head, kReadDenyNone, oplockwanted, name, path);
   }
 
   // Opens with an oplock and leaves the probe that comes with it unanswered.
-  void OpenWithOplockStayingSilent(TestClient& client, const bytes::Open& open) {
-    Send(client, OpenBytes(open));
-    ASSERT_EQ(Receive(client), ProbeOf(open.session));
-    ASSERT_EQ(Receive(client), Words({1, open.tag, 0, 0, 1}));
+  void OpenWithOplockStayingSilent(TestClient& client, const wire::RequestHead& head,
+                                   const std::string& name = kClientName,
+                                   const std::string& path = kSharePath) {
+    Send(client, OpenRequest(head, 1, name, path));
+    ASSERT_EQ(Receive(client), ProbeOf(head.session));
+    ASSERT_EQ(Receive(client), Words({1, head.tag, 0, 0, 1}));
   }
 
   TestClient* a_ = nullptr;
   TestClient* b_ = nullptr;
 };
 
-TEST_F(ClientsTest, ClientEndReleasesOnlyItsOwnSession) {
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 1, .hi = 1})), Words({1, 0, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 1, 0, 0, 10, 0})), Words({2, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 2, .hi = 1})), Words({1, 0, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({2, 1, 1, 0, 20, 10, 0})), Words({2, 0, 0, 0}));
-  EXPECT_EQ(Exchange(*a_, bytes::HeadBytes({4, 0x44, 1, 0, 0, 0, 0})), Words({4, 0x44, 0, 0}));
-  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 1 OpLocks: 0\n");
-  // The ended session keeps its row.
-  const std::string report = Report();
-  EXPECT_NE(report.find(ClientRow("PC1            ", "  OK     ", 1, *a_)), std::string::npos)
-      << report;
-  EXPECT_NE(report.find(ClientRow("PC1            ", "  OK     ", 2, *a_)), std::string::npos)
-      << report;
-}
-
-TEST_F(ClientsTest, ClientEndOfAHolderResumesItsWaiters) {
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 1, .oplock = 1})), Words({1, 0, 0, 0, 1}));
-  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 2})), Words({1, 0, 5, 1, 0}));
-  ASSERT_EQ(Next(*a_).size(), 32u);
-  EXPECT_EQ(Exchange(*a_, bytes::HeadBytes({4, 0, 1, 0, 0, 0, 0})), Words({4, 0, 0, 0}));
-  EXPECT_EQ(Next(*b_), Words({9, 0, 0, 1, 2}));
-  EXPECT_EQ(Exchange(*b_, OpenBytes({.session = 2, .waitid = 1})), Words({1, 0, 0, 0, 0}));
-}
-
-TEST_F(ClientsTest, GrantedOplocksProbeTheHolderOncePerTick) {
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 1, .oplock = 1})), Words({1, 0, 0, 0, 1}));
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 2, .oplock = 1})), Words({1, 0, 0, 0, 1}));
-  EXPECT_EQ(a_->probes_answered, 1);
-}
-
 TEST_F(ClientsTest, SweepProbesASilentClient) {
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 0x0A0B0C0D})), Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, OpenRequest({.session = 0x0A0B0C0D, .clientfid = 1})),
+            Words({1, 0, 0, 0, 0}));
   daemon_->SweepClients();
   const std::string probe = Receive(*a_);
   EXPECT_EQ(probe, ProbeOf(0x0A0B0C0D)) << Hex(probe);
@@ -84,7 +63,7 @@ TEST_F(ClientsTest, SweepProbesASilentClient) {
 }
 
 TEST_F(ClientsTest, ClientAnsweringEveryProbeStays) {
-  ASSERT_EQ(Exchange(*a_, OpenBytes({})), Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, OpenRequest({.session = 1, .clientfid = 1})), Words({1, 0, 0, 0, 0}));
   StderrCapture capture;
   // An answer arrives in the tick after the sweep that probed, which counts
   // as a sign of life for the next sweep: the client is probed every other one.
@@ -99,13 +78,18 @@ TEST_F(ClientsTest, ClientAnsweringEveryProbeStays) {
 
 TEST_F(ClientsTest, SilentClientIsReleasedAtTheNextSweep) {
   const std::string name = "WORKSTATION-0123456";
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.hi = 3, .lo = 4, .name = name, .path = "/share/a.txt"})),
-            Words({1, 0, 0, 0, 0}));
   ASSERT_EQ(
-      Exchange(*a_,
-               OpenBytes({.clientfid = 2, .hi = 3, .lo = 5, .name = name, .path = "/share/b.txt"})),
+      Exchange(*a_, OpenRequest({.session = 1, .clientfid = 1, .filekey_hi = 3, .filekey_lo = 4}, 0,
+                                name, "/share/a.txt")),
       Words({1, 0, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 3, 4, 0, 10, 0})), Words({2, 0, 0, 0}));
+  ASSERT_EQ(
+      Exchange(*a_, OpenRequest({.session = 1, .clientfid = 2, .filekey_hi = 3, .filekey_lo = 5}, 0,
+                                name, "/share/b.txt")),
+      Words({1, 0, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, wire::LockBytes(
+                              {.session = 1, .clientfid = 1, .filekey_hi = 3, .filekey_lo = 4}, 0,
+                              10, 0)),
+            Words({2, 0, 0, 0}));
   daemon_->SweepClients();
   ASSERT_EQ(Receive(*a_), ProbeOf(1));
   StderrCapture capture;
@@ -117,8 +101,11 @@ TEST_F(ClientsTest, SilentClientIsReleasedAtTheNextSweep) {
 }
 
 TEST_F(ClientsTest, DeadHolderIsReleasedAndItsWaiterResumed) {
-  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 5, .lo = 6, .oplock = 1});
-  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 2, .hi = 5, .lo = 6})), Words({1, 0, 5, 1, 0}));
+  OpenWithOplockStayingSilent(*a_,
+                              {.session = 1, .clientfid = 1, .filekey_hi = 5, .filekey_lo = 6});
+  ASSERT_EQ(
+      Exchange(*b_, OpenRequest({.session = 2, .clientfid = 1, .filekey_hi = 5, .filekey_lo = 6})),
+      Words({1, 0, 5, 1, 0}));
   ASSERT_EQ(Receive(*a_), Words({8, 0, 0, 0, 5, 6, 1, 1}));
   daemon_->SweepClients();
   AnswerPendingProbes(*b_);
@@ -127,14 +114,17 @@ TEST_F(ClientsTest, DeadHolderIsReleasedAndItsWaiterResumed) {
   EXPECT_EQ(capture.Text(),
             std::string(kNoticeHead) + "PC1            " + kNoticeTail + "[5,6] = /share/file\n");
   EXPECT_EQ(Next(*b_), Words({9, 0, 0, 1, 2}));
-  EXPECT_EQ(Exchange(*b_, OpenBytes({.session = 2, .hi = 5, .lo = 6, .waitid = 1})),
-            Words({1, 0, 0, 0, 0}));
+  EXPECT_EQ(
+      Exchange(*b_,
+               OpenRequest(
+                   {.session = 2, .clientfid = 1, .filekey_hi = 5, .filekey_lo = 6, .waitid = 1})),
+      Words({1, 0, 0, 0, 0}));
   EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0\n");
 }
 
 TEST_F(ClientsTest, EveryDeadClientGoesInOneSweep) {
-  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 1, .oplock = 1, .name = "ALPHA"});
-  OpenWithOplockStayingSilent(*b_, {.session = 3, .hi = 2, .oplock = 1, .name = "BETA"});
+  OpenWithOplockStayingSilent(*a_, {.session = 1, .clientfid = 1, .filekey_hi = 1}, "ALPHA");
+  OpenWithOplockStayingSilent(*b_, {.session = 3, .clientfid = 1, .filekey_hi = 2}, "BETA");
   daemon_->SweepClients();
   StderrCapture capture;
   daemon_->SweepClients();
@@ -150,12 +140,13 @@ TEST_F(ClientsTest, ClientProbedBySweepIsNotReleasedByTheSameSweep) {
   // silent clients of b_ lie before it in bucket 0 (sessions with bit 1
   // clear). The sweep that finds the dead one may first probe some of them,
   // and walks the table again after the release: they must be left to answer.
-  ASSERT_EQ(Exchange(*a_, OpenBytes({.session = 2, .hi = 1, .name = "DEAD"})),
+  ASSERT_EQ(Exchange(*a_, OpenRequest({.session = 2, .clientfid = 1, .filekey_hi = 1}, 0, "DEAD")),
             Words({1, 0, 0, 0, 0}));
   daemon_->SweepClients();
   ASSERT_EQ(Receive(*a_), ProbeOf(2));
   for (uint32_t session = 0; session <= 40; session += 4) {
-    ASSERT_EQ(Exchange(*b_, OpenBytes({.session = session, .hi = 2})), Words({1, 0, 0, 0, 0}));
+    ASSERT_EQ(Exchange(*b_, OpenRequest({.session = session, .clientfid = 1, .filekey_hi = 2})),
+              Words({1, 0, 0, 0, 0}));
   }
   std::srand(2);  // this seed has the first walk probe some of them before the release
   StderrCapture capture;
@@ -172,13 +163,15 @@ TEST_F(ClientsTest, ClientProbedBySweepIsNotReleasedByTheSameSweep) {
 }
 
 TEST_F(ClientsTest, ListingNamesOpensBySessionAlone) {
-  ASSERT_EQ(Exchange(*b_, OpenBytes({.session = 1, .hi = 9, .path = "/other"})),
+  ASSERT_EQ(Exchange(*b_, OpenRequest({.session = 1, .clientfid = 1, .filekey_hi = 9}, 0,
+                                      kClientName, "/other")),
             Words({1, 0, 0, 0, 0}));
-  OpenWithOplockStayingSilent(*a_, {.session = 1, .hi = 1, .oplock = 1, .path = "/own"});
+  OpenWithOplockStayingSilent(*a_, {.session = 1, .clientfid = 1, .filekey_hi = 1}, kClientName,
+                              "/own");
   daemon_->SweepClients();
   AnswerPendingProbes(*b_);
   // B speaks up in the new tick, so the second sweep leaves it alone.
-  Send(*b_, bytes::ProbeBytes({1000, 0xBEEFCAFE, 1, 0, 0, 0, 0}, 201905, 0));
+  Send(*b_, wire::ProbeBytes({.tag = 0xBEEFCAFE, .session = 1}, 201905, 0));
   StderrCapture capture;
   daemon_->SweepClients();
   // Files (9, 0) and (1, 0) share bucket 0, in the order of their creation.
@@ -190,9 +183,18 @@ TEST_F(ClientsTest, ListingNamesOpensBySessionAlone) {
 
 TEST_F(ClientsTest, SweepPurgesIdleFilesOnly) {
   // Ranges alone make no client entries, so the sweeps probe nobody.
-  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 1, 2, 0, 10, 0})), Words({2, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, bytes::LockBytes({1, 1, 2, 2, 0, 10, 0})), Words({2, 0, 0, 0}));
-  ASSERT_EQ(Exchange(*a_, bytes::UnlockBytes({1, 1, 2, 2, 0, 10})), Words({3, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, wire::LockBytes(
+                              {.session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 2}, 0,
+                              10, 0)),
+            Words({2, 0, 0, 0}));
+  ASSERT_EQ(Exchange(*a_, wire::LockBytes(
+                              {.session = 1, .clientfid = 1, .filekey_hi = 2, .filekey_lo = 2}, 0,
+                              10, 0)),
+            Words({2, 0, 0, 0}));
+  ASSERT_EQ(
+      Exchange(*a_, wire::UnlockBytes(
+                        {.session = 1, .clientfid = 1, .filekey_hi = 2, .filekey_lo = 2}, 0, 10)),
+      Words({3, 0, 0, 0}));
   ASSERT_EQ(Totals(), "Files: 2 Used: 1 OpenLocks: 0 RecordLocks: 1 OpLocks: 0\n");
   for (int sweep = 0; sweep < 200 && Totals().rfind("Files: 2", 0) == 0; ++sweep) {
     daemon_->SweepClients();

@@ -15,65 +15,6 @@
 
 #include "foundation/output_stream.h"
 
-namespace bytes {
-
-std::string Word(uint32_t value) {
-  std::string word(4, '\0');
-  for (int i = 0; i < 4; ++i) word[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-  return word;
-}
-
-std::string Words(std::initializer_list<uint32_t> values) {
-  std::string datagram;
-  for (uint32_t value : values) datagram += Word(value);
-  return datagram;
-}
-
-uint32_t WordAt(const std::string& datagram, size_t offset) {
-  if (offset + 4 > datagram.size()) return 0;
-  uint32_t value = 0;
-  for (int i = 3; i >= 0; --i)
-    value = value << 8 | static_cast<unsigned char>(datagram[offset + i]);
-  return value;
-}
-
-std::string HeadBytes(const Head& head) {
-  return Words({head.code, head.tag, head.session, head.clientfid, head.hi, head.lo, head.waitid});
-}
-
-std::string OpenBytes(const Open& open) {
-  std::string name = open.name;
-  name.resize(16, '\0');
-  return HeadBytes({1, open.tag, open.session, open.clientfid, open.hi, open.lo, open.waitid}) +
-         Words({open.openmode, open.oplock}) + name + open.path + std::string(1, '\0');
-}
-
-std::string LockBytes(const Range& range) {
-  return HeadBytes({2, 0, range.session, range.clientfid, range.hi, range.lo, 0}) +
-         Words({range.offset, range.length, range.locktype});
-}
-
-std::string UnlockBytes(const Range& range) {
-  return HeadBytes({3, 0, range.session, range.clientfid, range.hi, range.lo, 0}) +
-         Words({range.offset, range.length});
-}
-
-std::string ProbeBytes(const Head& head, uint32_t version, uint32_t wantreply) {
-  return HeadBytes(head) + Words({version, wantreply});
-}
-
-std::string Hex(const std::string& datagram) {
-  std::string text;
-  char pair[4];
-  for (unsigned char byte : datagram) {
-    snprintf(pair, sizeof pair, "%02x ", byte);
-    text += pair;
-  }
-  return text;
-}
-
-}  // namespace bytes
-
 void DaemonTest::SetUp() {
   char pattern[] = "/tmp/klv-lockservice-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -126,11 +67,12 @@ std::string DaemonTest::Next(TestClient& client) {
   // Bounded: a daemon that did nothing but probe would end the test here.
   for (int attempt = 0; attempt < 8; ++attempt) {
     std::string datagram = Receive(client);
-    const bool is_probe = datagram.size() == 36 && bytes::WordAt(datagram, 0) == 1000 &&
-                          bytes::WordAt(datagram, 32) == 1;
+    const bool is_probe = datagram.size() == wire::kProbeSize &&
+                          wire::WordAt(datagram, 0) == wire::kProbe &&
+                          wire::WordAt(datagram, 32) == 1;
     if (!is_probe) return datagram;
     ++client.probes_answered;
-    Send(client, datagram.substr(0, 32) + bytes::Word(0));
+    Send(client, datagram.substr(0, 32) + wire::Word(0));
   }
   return "";
 }
@@ -139,8 +81,8 @@ int DaemonTest::AnswerPendingProbes(TestClient& client) {
   int answered = 0;
   while (!Silent(client) && answered < 8) {
     const std::string probe = Receive(client);
-    EXPECT_EQ(bytes::WordAt(probe, 0), 1000u) << bytes::Hex(probe);
-    Send(client, probe.substr(0, 32) + bytes::Word(0));
+    EXPECT_EQ(wire::WordAt(probe, 0), 1000u) << wire::Hex(probe);
+    Send(client, probe.substr(0, 32) + wire::Word(0));
     ++answered;
   }
   client.probes_answered += answered;
@@ -161,26 +103,6 @@ std::string DaemonTest::Exchange(TestClient& client, const std::string& request)
 bool DaemonTest::Silent(TestClient& client) {
   pollfd ready{client.fd, POLLIN, 0};
   return poll(&ready, 1, kSilenceMs) == 0;
-}
-
-void DaemonTest::SendToDaemon(TestClient& client, const std::string& datagram) {
-  SocketAddress daemon_address;
-  ASSERT_TRUE(udp_.GetSockName(&daemon_address));
-  ASSERT_EQ(sendto(client.fd, datagram.data(), datagram.size(), 0, daemon_address.Raw(),
-                   sizeof(sockaddr_in)),
-            static_cast<ssize_t>(datagram.size()));
-}
-
-bool DaemonTest::ServeOne() {
-  pollfd ready{udp_.Fd(), POLLIN, 0};
-  if (poll(&ready, 1, kReceiveMs) != 1) return false;
-  unsigned char buffer[2048];
-  long count = 0;
-  SocketAddress sender;
-  const TransferStatus status = udp_.RecvFrom(buffer, sizeof buffer, &count, &sender);
-  if (status != TransferStatus::kPartial) return false;  // a datagram shorter than the buffer
-  daemon_->Dispatch(sender, buffer, static_cast<size_t>(count));
-  return true;
 }
 
 std::string DaemonTest::Report() {

@@ -4,74 +4,22 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "foundation/socket.h"
 #include "lockservice/lock_manager_daemon.h"
+#include "tests/support/wire_bytes.h"
 
-// Request and reply bytes written by hand, word by word, low byte first, so
-// that a fault in the daemon's encoder cannot hide in what a test expects.
-namespace bytes {
+// Request bytes come from tests/support/wire_bytes.h, written by hand apart
+// from the daemon's encoder.
 
-std::string Word(uint32_t value);
-// The words one after the other: Words({5, tag, 0, 0}) is a 16-byte reply.
-std::string Words(std::initializer_list<uint32_t> values);
-// The word at `offset`; 0 when it does not lie wholly inside.
-uint32_t WordAt(const std::string& datagram, size_t offset);
-
-// The head every request starts with:
-//   0 code  4 tag  8 session  12 clientfid  16 filekey_hi  20 filekey_lo  24 waitid
-struct Head {
-  uint32_t code = 0;
-  uint32_t tag = 0;
-  uint32_t session = 1;
-  uint32_t clientfid = 1;
-  uint32_t hi = 0;
-  uint32_t lo = 0;
-  uint32_t waitid = 0;
-};
-std::string HeadBytes(const Head& head);
-
-// REQ_OPEN: head, 28 openmode, 32 oplockwanted, 36 name in a 16-byte field
-// (padded with NULs, never cut), 52 path and its NUL.
-struct Open {
-  uint32_t tag = 0;
-  uint32_t session = 1;
-  uint32_t clientfid = 1;
-  uint32_t hi = 0;
-  uint32_t lo = 0;
-  uint32_t waitid = 0;
-  uint32_t openmode = 0x40;  // OPEN_READ | DENY_NONE
-  uint32_t oplock = 0;
-  std::string name = "PC1";
-  std::string path = "/share/file";
-};
-std::string OpenBytes(const Open& open);
-
-// REQ_LOCK (28 offset, 32 length, 36 locktype) or REQ_UNLOCK (28 offset,
-// 32 length) with the head fields that matter.
-struct Range {
-  uint32_t session = 1;
-  uint32_t clientfid = 1;
-  uint32_t hi = 0;
-  uint32_t lo = 0;
-  uint32_t offset = 0;
-  uint32_t length = 0;
-  uint32_t locktype = 0;
-};
-std::string LockBytes(const Range& range);
-std::string UnlockBytes(const Range& range);
-
-// REQ_PROBE: head, 28 version, 32 wantreply.
-std::string ProbeBytes(const Head& head, uint32_t version, uint32_t wantreply);
-
-// Bytes as hex pairs, for readable failure messages.
-std::string Hex(const std::string& datagram);
-
-}  // namespace bytes
+// The fields of an open that the in-process tests take unless they say
+// otherwise: a read-only open denying nothing, by "PC1", of "/share/file".
+constexpr uint32_t kReadDenyNone = 0x40;
+constexpr char kClientName[] = "PC1";
+constexpr char kSharePath[] = "/share/file";
 
 // A server process of the test: a UDP socket of its own on 127.0.0.1.
 struct TestClient {
@@ -108,12 +56,6 @@ class DaemonTest : public ::testing::Test {
   std::string Exchange(TestClient& client, const std::string& request);
   // True when nothing arrives for `client` within kSilenceMs.
   bool Silent(TestClient& client);
-  // Sends `datagram` from the client's socket to the daemon's socket, as a
-  // server process does.
-  void SendToDaemon(TestClient& client, const std::string& datagram);
-  // Receives one datagram on the daemon's socket, as the event loop does, and
-  // dispatches it with the address it came from; false when none came.
-  bool ServeOne();
 
   // The client's row of the report's client table.
   static std::string ClientRow(const std::string& name_field, const char* state, uint32_t session,

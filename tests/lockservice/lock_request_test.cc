@@ -4,11 +4,11 @@
 
 #include <string>
 
-#include "tests/lockservice/daemon_fixture.h"
+#include "tests/support/wire_bytes.h"
 
 namespace {
 
-using bytes::Words;
+using wire::Words;
 
 LockRequest Decoded(const std::string& datagram, bool* valid = nullptr) {
   LockRequest request;

@@ -33,7 +33,7 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
     FileEntry* file = it.Current();
     RemoveMatching(&file->ranges, [&key](const RecordLock& lock) { return lock.client == key; });
-    ReleaseClientOplocks(file, key);
+    ReleaseOplocksWhere(file, [&key](const OpLock& oplock) { return oplock.client == key; });
     RemoveMatching(&file->opens, [&key](const OpenLock& open) { return open.client == key; });
   }
   // The wait table must not change while it is walked: collect, then withdraw.

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "daemon/event_log.h"
@@ -100,8 +101,8 @@ class LockManagerDaemon {
   void WithdrawWait(uint32_t id);
   // Releases every oplock of the file held by `client` under `clientfid`.
   void ReleaseOplocks(FileEntry* file, const ClientKey& client, uint32_t clientfid);
-  // Releases every oplock of the file held by `client`, whatever its clientfid.
-  void ReleaseClientOplocks(FileEntry* file, const ClientKey& client);
+  // Releases every oplock of the file that `matches`, in list order.
+  void ReleaseOplocksWhere(FileEntry* file, const std::function<bool(const OpLock&)>& matches);
   // Removes the oplock at `slot`, sending MSG_OPEN_RETRY to each waiter that
   // waited for it last.
   void ReleaseOplockAt(FileEntry* file, uint32_t slot);

@@ -54,22 +54,17 @@ void LockManagerDaemon::WithdrawWait(uint32_t id) {
 
 void LockManagerDaemon::ReleaseOplocks(FileEntry* file, const ClientKey& client,
                                        uint32_t clientfid) {
-  uint32_t slot = 0;
-  while (slot < file->oplocks.Count()) {
-    const OpLock& oplock = file->oplocks[slot];
-    if (oplock.client == client && oplock.clientfid == clientfid) {
-      ReleaseOplockAt(file, slot);
-    } else {
-      ++slot;
-    }
-  }
+  ReleaseOplocksWhere(file, [&](const OpLock& oplock) {
+    return oplock.client == client && oplock.clientfid == clientfid;
+  });
 }
 
-void LockManagerDaemon::ReleaseClientOplocks(FileEntry* file, const ClientKey& client) {
+void LockManagerDaemon::ReleaseOplocksWhere(FileEntry* file,
+                                            const std::function<bool(const OpLock&)>& matches) {
   uint32_t slot = 0;
   while (slot < file->oplocks.Count()) {
-    if (file->oplocks[slot].client == client) {
-      ReleaseOplockAt(file, slot);
+    if (matches(file->oplocks[slot])) {
+      ReleaseOplockAt(file, slot);  // the later oplocks move down into `slot`
     } else {
       ++slot;
     }

@@ -165,30 +165,24 @@ bool Socket::Listen(unsigned backlog) {
 }
 
 bool Socket::GetSockName(SocketAddress* address) {
-  sockaddr_in name;
-  socklen_t length = kAddressLength;
-  if (getsockname(fd_, reinterpret_cast<sockaddr*>(&name), &length) == 0) {
-    *address = SocketAddress(*reinterpret_cast<const sockaddr*>(&name));
-    return true;
-  }
-  const int error = errno;
-  TextBuilder arguments;
-  arguments << fd_ << ",<address>," << unsigned{length};
-  RecordFailure(error, "getsockname", arguments.Text());
-  return false;
+  return QueryName(getsockname, "getsockname", address);
 }
 
 bool Socket::GetPeerName(SocketAddress* address) {
+  return QueryName(getpeername, "getpeername", address);
+}
+
+bool Socket::QueryName(NameCall call, const char* call_name, SocketAddress* address) {
   sockaddr_in name;
   socklen_t length = kAddressLength;
-  if (getpeername(fd_, reinterpret_cast<sockaddr*>(&name), &length) == 0) {
+  if (call(fd_, reinterpret_cast<sockaddr*>(&name), &length) == 0) {
     *address = SocketAddress(*reinterpret_cast<const sockaddr*>(&name));
     return true;
   }
   const int error = errno;
   TextBuilder arguments;
   arguments << fd_ << ",<address>," << unsigned{length};
-  RecordFailure(error, "getpeername", arguments.Text());
+  RecordFailure(error, call_name, arguments.Text());
   return false;
 }
 
@@ -205,31 +199,25 @@ bool Socket::Accept(int listen_fd) {
   return false;
 }
 
-bool Socket::SetRecvBuffer(int size) {
-  if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0) return true;
+bool Socket::SetRecvBuffer(int size) { return SetBufferSize(SO_RCVBUF, "SO_RCVBUF", size); }
+
+bool Socket::SetSendBuffer(int size) { return SetBufferSize(SO_SNDBUF, "SO_SNDBUF", size); }
+
+int Socket::GetRecvBuffer() { return BufferSize(SO_RCVBUF); }
+
+int Socket::GetSendBuffer() { return BufferSize(SO_SNDBUF); }
+
+bool Socket::SetBufferSize(int option, const char* option_name, int size) {
+  if (setsockopt(fd_, SOL_SOCKET, option, &size, sizeof size) == 0) return true;
   const int error = errno;
-  RecordFailure(error, "setsockopt", OptionArguments(fd_, "SO_RCVBUF", SO_RCVBUF, size));
+  RecordFailure(error, "setsockopt", OptionArguments(fd_, option_name, option, size));
   return false;
 }
 
-bool Socket::SetSendBuffer(int size) {
-  if (setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) == 0) return true;
-  const int error = errno;
-  RecordFailure(error, "setsockopt", OptionArguments(fd_, "SO_SNDBUF", SO_SNDBUF, size));
-  return false;
-}
-
-int Socket::GetRecvBuffer() {
+int Socket::BufferSize(int option) {
   int size = 0;
   socklen_t length = sizeof size;
-  if (getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &length) < 0) return kDefaultBufferSize;
-  return size;
-}
-
-int Socket::GetSendBuffer() {
-  int size = 0;
-  socklen_t length = sizeof size;
-  if (getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &length) < 0) return kDefaultBufferSize;
+  if (getsockopt(fd_, SOL_SOCKET, option, &size, &length) < 0) return kDefaultBufferSize;
   return size;
 }
 

@@ -84,6 +84,15 @@ class Socket : public Descriptor {
   TransferStatus RecvFrom(void* buffer, size_t length, long* count, SocketAddress* from);
   // sendto(2) with flags 0 and address length 16; `count` as for RecvFrom.
   TransferStatus SendTo(const void* buffer, size_t length, long* count, const SocketAddress& to);
+
+ private:
+  using NameCall = int (*)(int, sockaddr*, socklen_t*);
+  // getsockname or getpeername, recorded under `call_name` when it fails.
+  bool QueryName(NameCall call, const char* call_name, SocketAddress* address);
+  // setsockopt of a SOL_SOCKET buffer size, recorded when it fails.
+  bool SetBufferSize(int option, const char* option_name, int size);
+  // getsockopt of a SOL_SOCKET buffer size; 4096 when it fails.
+  int BufferSize(int option);
 };
 
 #endif  // KLV_FOUNDATION_SOCKET_H_

@@ -42,15 +42,24 @@ bool ReadToEnd(Socket* connection, std::string* text) {
   }
 }
 
+// Writes `text`, the failure of the connection's last call and a newline to
+// standard error, and answers `status`.
+int ProbeFailed(const char* text, const Socket& connection, ProbeStatus status) {
+  FileStream err(stderr);
+  err << text << connection.LastFailure().Text() << "\n";
+  err.Flush();
+  return status;
+}
+
 }  // namespace
 
 int RunStatusProbe(const char* port_argument) {
-  FileStream err(stderr);
   SocketAddress daemon_address;
   daemon_address.SetLoopback();
   // A word, or a number outside 0 to 65535, leaves the port at 0.
   daemon_address.SetPort(static_cast<uint32_t>(atoi(port_argument)));
   if (daemon_address.Port() == 0) {
+    FileStream err(stderr);
     err << "\"" << RefString(port_argument) << "\" is not a valid port number\n";
     err.Flush();
     return kNotAPort;
@@ -60,22 +69,15 @@ int RunStatusProbe(const char* port_argument) {
   local.SetLoopback();
   Socket connection;
   if (!connection.BindTo(local, SOCK_STREAM, AddressReuse::kOff, 0, Progress::kQuiet)) {
-    err << "LOCKDSTATUS: Unable to bind to local tcp port: " << connection.LastFailure().Text()
-        << "\n";
-    err.Flush();
-    return kNoLocalSocket;
+    return ProbeFailed("LOCKDSTATUS: Unable to bind to local tcp port: ", connection,
+                       kNoLocalSocket);
   }
   if (!connection.Connect(daemon_address)) {
-    err << "LOCKDSTATUS: Unable to contact lockd daemon: " << connection.LastFailure().Text()
-        << "\n";
-    err.Flush();
-    return kNoContact;
+    return ProbeFailed("LOCKDSTATUS: Unable to contact lockd daemon: ", connection, kNoContact);
   }
   std::string text;
   if (!ReadToEnd(&connection, &text)) {
-    err << "LOCKDSTATUS: I/O error from lockd daemon: " << connection.LastFailure().Text() << "\n";
-    err.Flush();
-    return kReadFailed;
+    return ProbeFailed("LOCKDSTATUS: I/O error from lockd daemon: ", connection, kReadFailed);
   }
   fwrite(text.data(), 1, text.size(), stdout);
   fflush(stdout);

@@ -8,6 +8,14 @@ namespace {
 // Large enough for any 64-bit number in decimal with its sign.
 constexpr size_t kNumberBufferSize = 32;
 
+// Formats `value` with `format` in a local buffer and writes it as a literal.
+template <typename Number>
+OutputStream& WriteNumber(OutputStream& out, const char* format, Number value) {
+  char buffer[kNumberBufferSize];
+  std::snprintf(buffer, sizeof buffer, format, value);
+  return out << buffer;
+}
+
 }  // namespace
 
 TextBuilder::TextBuilder() : cell_(new TextBuffer()), owns_cell_(1) {}
@@ -48,26 +56,14 @@ OutputStream& operator<<(OutputStream& out, const RefString& bytes) {
   return out;
 }
 
-OutputStream& operator<<(OutputStream& out, int value) {
-  char buffer[kNumberBufferSize];
-  std::snprintf(buffer, sizeof buffer, "%d", value);
-  return out << buffer;
-}
+OutputStream& operator<<(OutputStream& out, int value) { return WriteNumber(out, "%d", value); }
 
 OutputStream& operator<<(OutputStream& out, unsigned value) {
-  char buffer[kNumberBufferSize];
-  std::snprintf(buffer, sizeof buffer, "%u", value);
-  return out << buffer;
+  return WriteNumber(out, "%u", value);
 }
 
-OutputStream& operator<<(OutputStream& out, long value) {
-  char buffer[kNumberBufferSize];
-  std::snprintf(buffer, sizeof buffer, "%ld", value);
-  return out << buffer;
-}
+OutputStream& operator<<(OutputStream& out, long value) { return WriteNumber(out, "%ld", value); }
 
 OutputStream& operator<<(OutputStream& out, unsigned long value) {
-  char buffer[kNumberBufferSize];
-  std::snprintf(buffer, sizeof buffer, "%lu", value);
-  return out << buffer;
+  return WriteNumber(out, "%lu", value);
 }

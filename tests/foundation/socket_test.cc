@@ -12,38 +12,9 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/stderr_capture.h"
+
 namespace {
-
-// Collects what is written to standard error between its construction and
-// Finish(), through a temporary file put in place of descriptor 2.
-class StandardErrorCapture {
- public:
-  StandardErrorCapture() : file_(std::tmpfile()) {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    dup2(fileno(file_), 2);
-  }
-  ~StandardErrorCapture() { Finish(); }
-
-  std::string Finish() {
-    if (file_ == nullptr) return captured_;
-    std::fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    std::rewind(file_);
-    char buffer[256];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof buffer, file_)) > 0) captured_.append(buffer, got);
-    std::fclose(file_);
-    file_ = nullptr;
-    return captured_;
-  }
-
- private:
-  FILE* file_;
-  int saved_ = -1;
-  std::string captured_;
-};
 
 class SocketTest : public ::testing::Test {
  protected:
@@ -185,9 +156,9 @@ TEST_F(SocketTest, CreateFailure) {
 
 TEST_F(SocketTest, BindToLoopbackWithReuse) {
   Socket socket;
-  StandardErrorCapture standard_error;
+  StderrCapture standard_error;
   ASSERT_TRUE(socket.BindTo(Loopback(0), SOCK_DGRAM, AddressReuse::kOn, 2, Progress::kVerbose));
-  EXPECT_EQ(standard_error.Finish(), "");
+  EXPECT_EQ(standard_error.Text(), "");
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_REUSEADDR), 1);
   SocketAddress bound;
   ASSERT_TRUE(socket.GetSockName(&bound));
@@ -200,10 +171,10 @@ TEST_F(SocketTest, BindToBusyPortRetriesThenFails) {
   const uint16_t port = BindLoopback(&listener, SOCK_STREAM);
   ASSERT_TRUE(listener.Listen(5));
   Socket socket;
-  StandardErrorCapture standard_error;
+  StderrCapture standard_error;
   EXPECT_FALSE(
       socket.BindTo(Loopback(port), SOCK_STREAM, AddressReuse::kOff, 1, Progress::kVerbose));
-  EXPECT_EQ(standard_error.Finish(), "A socket is still in use, attempting 1 retries...\n");
+  EXPECT_EQ(standard_error.Text(), "A socket is still in use, attempting 1 retries...\n");
   EXPECT_EQ(FailureOf(socket), "bind(" + std::to_string(socket.Fd()) + ",127.0.0.1:" +
                                    std::to_string(port) + "): (98) Address already in use");
 }
@@ -213,13 +184,13 @@ TEST_F(SocketTest, BusyPortWithoutRetriesPrintsLoneNewline) {
   const uint16_t port = BindLoopback(&listener, SOCK_STREAM);
   ASSERT_TRUE(listener.Listen(5));
   Socket socket;
-  StandardErrorCapture verbose;
+  StderrCapture verbose;
   EXPECT_FALSE(
       socket.BindTo(Loopback(port), SOCK_STREAM, AddressReuse::kOn, 0, Progress::kVerbose));
-  EXPECT_EQ(verbose.Finish(), "\n");
-  StandardErrorCapture quiet;
+  EXPECT_EQ(verbose.Text(), "\n");
+  StderrCapture quiet;
   EXPECT_FALSE(socket.BindTo(Loopback(port), SOCK_STREAM, AddressReuse::kOn, 0, Progress::kQuiet));
-  EXPECT_EQ(quiet.Finish(), "");
+  EXPECT_EQ(quiet.Text(), "");
   EXPECT_EQ(socket.LastFailure().ErrorNumber(), EADDRINUSE);
 }
 
@@ -236,10 +207,10 @@ TEST_F(SocketTest, OtherFirstBindFailureIsNotRetried) {
     std::string report = "could not drop root";
     if (getuid() != 0 || setuid(65534) == 0) {
       Socket socket;
-      StandardErrorCapture standard_error;
+      StderrCapture standard_error;
       const bool bound =
           socket.BindTo(Loopback(1), SOCK_DGRAM, AddressReuse::kOff, 2, Progress::kVerbose);
-      const std::string written = standard_error.Finish();
+      const std::string written = standard_error.Text();
       report =
           bound ? "bound" : std::to_string(socket.Fd()) + "|" + FailureOf(socket) + "|" + written;
     }

@@ -125,31 +125,3 @@ std::string DaemonTest::ErrorLog() {
   contents << file.rdbuf();
   return contents.str();
 }
-
-StderrCapture::StderrCapture() {
-  char pattern[] = "/tmp/klv-stderr-XXXXXX";
-  const int fd = mkstemp(pattern);
-  path_ = pattern;
-  fflush(stderr);
-  saved_fd_ = dup(2);
-  dup2(fd, 2);
-  close(fd);
-}
-
-StderrCapture::~StderrCapture() {
-  Text();
-  unlink(path_.c_str());
-}
-
-std::string StderrCapture::Text() {
-  if (saved_fd_ < 0) return text_;
-  fflush(stderr);
-  dup2(saved_fd_, 2);
-  close(saved_fd_);
-  saved_fd_ = -1;
-  std::ifstream file(path_);
-  std::stringstream contents;
-  contents << file.rdbuf();
-  text_ = contents.str();
-  return text_;
-}

@@ -10,6 +10,7 @@
 
 #include "foundation/socket.h"
 #include "lockservice/lock_manager_daemon.h"
+#include "tests/support/stderr_capture.h"
 #include "tests/support/wire_bytes.h"
 
 // Request bytes come from tests/support/wire_bytes.h, written by hand apart
@@ -73,24 +74,6 @@ class DaemonTest : public ::testing::Test {
  private:
   Socket udp_;
   std::vector<std::unique_ptr<TestClient>> clients_;
-};
-
-// Collects what is written to standard error (descriptor 2) between its
-// construction and Text().
-class StderrCapture {
- public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
-
-  // Restores standard error and returns what was written to it.
-  std::string Text();
-
- private:
-  int saved_fd_ = -1;
-  std::string path_;
-  std::string text_;
 };
 
 #endif  // KLV_TESTS_LOCKSERVICE_DAEMON_FIXTURE_H_

@@ -10,10 +10,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "foundation/output_stream.h"
+#include "tests/support/process_tools.h"
 
 void DaemonTest::SetUp() {
   char pattern[] = "/tmp/klv-lockservice-XXXXXX";
@@ -120,8 +119,5 @@ std::string DaemonTest::Totals() {
 }
 
 std::string DaemonTest::ErrorLog() {
-  std::ifstream file(log_directory_ + "/errlock.log");
-  std::stringstream contents;
-  contents << file.rdbuf();
-  return contents.str();
+  return process_tools::ReadFileFrom(log_directory_ + "/errlock.log", 0);
 }

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
+
+#include "tests/support/process_tools.h"
 
 StderrCapture::StderrCapture() {
   char pattern[] = "/tmp/klv-stderr-XXXXXX";
@@ -28,9 +28,6 @@ std::string StderrCapture::Text() {
   dup2(saved_fd_, 2);
   close(saved_fd_);
   saved_fd_ = -1;
-  std::ifstream file(path_);
-  std::stringstream contents;
-  contents << file.rdbuf();
-  text_ = contents.str();
+  text_ = process_tools::ReadFileFrom(path_, 0);
   return text_;
 }

@@ -141,9 +141,11 @@ TEST(ClientLibraryAlone, LostStaleAndGarbledRepliesAndAProbe) {
   std::string lock;
   ASSERT_TRUE(daemon.Receive(&lock));
   EXPECT_TRUE(daemon.ReceivesNothing(100)) << "a lock must not be resent";
-  EXPECT_EQ(session.Noop(300).error, KLVLOCK_ETIMEDOUT);
+  EXPECT_EQ(session.Noop(600).error, KLVLOCK_ETIMEDOUT);
   std::string noop;
-  for (int copy = 0; copy < 3; ++copy) EXPECT_TRUE(daemon.Receive(&noop)) << "copy " << copy;
+  int copies = 0;
+  while (copies < 10 && daemon.Receive(&noop, 100)) ++copies;
+  EXPECT_GE(copies, 2) << "a no-op may be resent";
 
   klvlock_request request = {};
   request.code = KLVLOCK_REQ_NOOP;

@@ -7,6 +7,8 @@
 
 #include "session.h"
 
+using klv::ClientSession;
+
 struct klvlock_session {
   std::unique_ptr<ClientSession> impl;
 };

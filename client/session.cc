@@ -13,9 +13,11 @@
 
 #include "wire_format.h"
 
+namespace klv {
+
 namespace {
 
-using klvlock_wire::Incoming;
+using client_wire::Incoming;
 using std::chrono::milliseconds;
 
 // Datagrams read in one pass at the most, so that a stream of them cannot
@@ -102,7 +104,7 @@ int ClientSession::Call(const klvlock_request& request, int timeout_ms, klvlock_
   std::string datagram;
   int result = Send(request, &awaited.tag, &datagram);
   // A harmless request is sent up to three times within its time-out.
-  const bool resends = klvlock_wire::MayResend(request.code);
+  const bool resends = client_wire::MayResend(request.code);
   const milliseconds interval(std::max(timeout_ms / 3, 1));
   Clock::time_point next_send = Clock::now() + interval;
   while (result == KLVLOCK_OK) {
@@ -171,7 +173,7 @@ int ClientSession::NextEvent(klvlock_event* event) {
 int ClientSession::Send(const klvlock_request& request, uint32_t* tag, std::string* datagram) {
   // Tag 0 is what the daemon's own messages carry; ours never use it.
   const uint32_t next_tag = last_tag_ + 1 == 0 ? 1 : last_tag_ + 1;
-  if (!klvlock_wire::EncodeRequest(request, next_tag, session_id_, name_, datagram)) {
+  if (!client_wire::EncodeRequest(request, next_tag, session_id_, name_, datagram)) {
     return KLVLOCK_EINVAL;
   }
   last_tag_ = next_tag;
@@ -189,7 +191,7 @@ int ClientSession::SendBytes(const std::string& datagram) {
 }
 
 int ClientSession::ReadAll(Awaited* awaited) {
-  unsigned char buffer[klvlock_wire::kLargestIncoming];
+  unsigned char buffer[client_wire::kLargestIncoming];
   for (int count = 0; count < kReadBatch; ++count) {
     // MSG_TRUNC makes recv tell the datagram's whole length, so that one too
     // long for the buffer is seen as such and dropped.
@@ -204,11 +206,11 @@ int ClientSession::ReadAll(Awaited* awaited) {
 }
 
 void ClientSession::Handle(const unsigned char* data, size_t size, Awaited* awaited) {
-  const Incoming incoming = klvlock_wire::Decode(data, size);
+  const Incoming incoming = client_wire::Decode(data, size);
   switch (incoming.kind) {
     case Incoming::Kind::kProbe: {
       // A failed answer is like a lost one: the next probe asks again.
-      (void)SendBytes(klvlock_wire::ProbeAnswer(data));
+      (void)SendBytes(client_wire::ProbeAnswer(data));
       klvlock_event event = {};
       event.kind = KLVLOCK_EVENT_PROBE;
       Deliver(event);
@@ -277,3 +279,5 @@ int ClientSession::WaitReadable(Clock::time_point deadline) {
   }
   return KLVLOCK_OK;
 }
+
+}  // namespace klv

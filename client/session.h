@@ -10,6 +10,8 @@
 
 #include "klvlock.h"
 
+namespace klv {
+
 // What stands behind a klvlock_session handle: one connected UDP socket, the
 // session id and name, the tags of requests still waiting for their replies
 // and the events not yet taken. Every operation answers KLVLOCK_OK or a
@@ -84,5 +86,7 @@ class ClientSession {
   std::vector<Pending> submitted_;
   std::deque<klvlock_event> queue_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_CLIENT_SESSION_H_

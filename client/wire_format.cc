@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace klvlock_wire {
+namespace klv::client_wire {
 namespace {
 
 // Request head, seven words:
@@ -171,4 +171,4 @@ std::string ProbeAnswer(const unsigned char* probe) {
   return answer;
 }
 
-}  // namespace klvlock_wire
+}  // namespace klv::client_wire

@@ -9,7 +9,7 @@
 
 // The datagrams between a session and the daemon, encoded and decoded byte by
 // byte, little-endian whatever the host.
-namespace klvlock_wire {
+namespace klv::client_wire {
 
 constexpr uint32_t kProtocolVersion = 201905;
 constexpr size_t kRequestHeadSize = 28;
@@ -47,6 +47,6 @@ Incoming Decode(const unsigned char* data, size_t size);
 // probe's head, then version 201905 and wantreply 0.
 std::string ProbeAnswer(const unsigned char* probe);
 
-}  // namespace klvlock_wire
+}  // namespace klv::client_wire
 
 #endif  // KLV_CLIENT_WIRE_FORMAT_H_

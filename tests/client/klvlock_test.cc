@@ -14,6 +14,7 @@
 #include "tests/support/udp_client.h"
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
 namespace {
 
 using wire::Hex;
@@ -177,3 +178,5 @@ TEST(ClientLibraryAlone, LostStaleAndGarbledRepliesAndAProbe) {
 }
 
 }  // namespace
+
+}  // namespace klv

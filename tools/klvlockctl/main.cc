@@ -13,6 +13,7 @@
 #include "tools/klvlockctl/options.h"
 #include "tools/klvlockctl/request_runner.h"
 
+namespace klv {
 namespace {
 
 // Feeds standard input to the runner line by line; the session's datagrams
@@ -68,9 +69,8 @@ class InputLoop {
   int line_number_ = 0;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// Everything but the exit: options, the session, the input loop.
+int RunKlvlockctl(int argc, char** argv) {
   Options options;
   std::string error;
   switch (ParseOptions(argc, argv, getenv("_klvlockd_port"), static_cast<uint32_t>(getpid()),
@@ -96,3 +96,8 @@ int main(int argc, char** argv) {
   InputLoop(&session, &runner, isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)).Run();
   return runner.Status();
 }
+
+}  // namespace
+}  // namespace klv
+
+int main(int argc, char** argv) { return klv::RunKlvlockctl(argc, argv); }

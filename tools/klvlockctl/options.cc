@@ -6,6 +6,8 @@
 
 #include "tools/klvlockctl/request_line.h"
 
+namespace klv {
+
 namespace {
 
 constexpr char kDefaultName[] = "klvlockctl";
@@ -113,3 +115,5 @@ std::string HelpText() {
          "  probe answered\n"
          "  open fid=1: granted oplock=1\n";
 }
+
+}  // namespace klv

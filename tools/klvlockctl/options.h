@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+namespace klv {
+
 // klvlockctl's command line.
 struct Options {
   uint16_t port = 0;      // the daemon's UDP port
@@ -22,5 +24,7 @@ OptionsOutcome ParseOptions(int argc, char** argv, const char* environment_port,
 
 // The text of --help, request syntax included.
 std::string HelpText();
+
+}  // namespace klv
 
 #endif  // KLV_TOOLS_KLVLOCKCTL_OPTIONS_H_

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <sstream>
 
+namespace klv {
+
 namespace {
 
 // The shape of each verb: the keys it takes and those it needs, each list
@@ -237,3 +239,5 @@ const char* RequestSyntax() {
          "An open without access= and deny= is access=read deny=none; wait=ID repeats\n"
          "an open that had to wait, with the id of its \"wait id=ID\" reply.\n";
 }
+
+}  // namespace klv

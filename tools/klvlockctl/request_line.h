@@ -6,6 +6,8 @@
 
 #include "client/klvlock.h"
 
+namespace klv {
+
 // One line of klvlockctl's input: a verb and named flags.
 //
 //   open fid=1 file=10:20 access=read deny=write oplock path=/share/a.txt
@@ -46,5 +48,7 @@ const char* VerbName(Verb verb);
 
 // The syntax of every verb, one per line, for --help.
 const char* RequestSyntax();
+
+}  // namespace klv
 
 #endif  // KLV_TOOLS_KLVLOCKCTL_REQUEST_LINE_H_

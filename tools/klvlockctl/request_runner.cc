@@ -3,6 +3,8 @@
 #include <chrono>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 using std::to_string;
@@ -130,3 +132,5 @@ bool RequestRunner::Note(ExitStatus status) {
   if (status > status_) status_ = status;
   return !settings_.strict;
 }
+
+}  // namespace klv

@@ -7,6 +7,8 @@
 #include "client/klvlock.hpp"
 #include "tools/klvlockctl/request_line.h"
 
+namespace klv {
+
 // klvlockctl's exit statuses.
 enum ExitStatus {
   kExitOk = 0,
@@ -51,5 +53,7 @@ class RequestRunner {
   FILE* err_;
   ExitStatus status_ = kExitOk;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TOOLS_KLVLOCKCTL_REQUEST_RUNNER_H_

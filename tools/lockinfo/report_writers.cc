@@ -28,18 +28,21 @@ void AppendQuoted(std::string* out, const std::string& bytes) {
   *out += '"';
 }
 
-// Appends `"name": value`, after ", " unless it opens its object.
-void AppendMember(std::string* out, const char* name, const std::string& value) {
+// Appends `"name": `, after ", " unless it opens its object.
+void AppendKey(std::string* out, const char* name) {
   if (out->back() != '{') *out += ", ";
   AppendQuoted(out, name);
   *out += ": ";
+}
+
+// Appends `"name": value`.
+void AppendMember(std::string* out, const char* name, const std::string& value) {
+  AppendKey(out, name);
   AppendQuoted(out, value);
 }
 
 void AppendMember(std::string* out, const char* name, uint32_t value) {
-  if (out->back() != '{') *out += ", ";
-  AppendQuoted(out, name);
-  *out += ": ";
+  AppendKey(out, name);
   *out += std::to_string(value);
 }
 

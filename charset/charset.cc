@@ -3,7 +3,7 @@
 #include <array>
 #include <cstddef>
 
-namespace charset {
+namespace klv::charset {
 namespace {
 
 // What a byte that a text cannot hold decodes to, and what a unit that a byte
@@ -262,4 +262,4 @@ const Converter& Find(int id) {
   return registry.Find(id);
 }
 
-}  // namespace charset
+}  // namespace klv::charset

@@ -10,7 +10,7 @@
 // id 30 whose decode and encode both yield an empty result. An unknown id, or
 // an id that the C library's iconv cannot serve on this machine, finds the id
 // 30 converter.
-namespace charset {
+namespace klv::charset {
 
 enum CharsetId : int {
   kAscii = 0,
@@ -71,6 +71,6 @@ bool CodePageAvailable(const char* iconv_name);
 std::u16string DecodeCodePage(const char* iconv_name, std::string_view bytes);
 std::string EncodeCodePage(const char* iconv_name, std::u16string_view text);
 
-}  // namespace charset
+}  // namespace klv::charset
 
 #endif  // KLV_CHARSET_CHARSET_H_

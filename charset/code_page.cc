@@ -6,7 +6,7 @@
 
 #include "charset/charset.h"
 
-namespace charset {
+namespace klv::charset {
 namespace {
 
 // The 16-bit side of every conversion: units as little-endian byte pairs,
@@ -108,4 +108,4 @@ std::string EncodeCodePage(const char* iconv_name, std::u16string_view text) {
   return ConvertWith(iconv_name, kUnits, Encode(kUnicodeLsb, text), substitute);
 }
 
-}  // namespace charset
+}  // namespace klv::charset

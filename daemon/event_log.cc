@@ -7,6 +7,8 @@
 #include "foundation/text_buffer.h"
 #include "foundation/time_stamp.h"
 
+namespace klv {
+
 namespace {
 
 constexpr const char kErrorLogName[] = "/errlock.log";
@@ -87,3 +89,5 @@ void EventLog::WriteErrorRecord(FILE* file, const char* id, const TextBuilder& m
   out << ErrorHeader(id) << message.Text() << "\n";
   out.Flush();
 }
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
 
+namespace klv {
+
 // Whether an error ends the process.
 enum class Severity { kRecoverable, kFatal };
 
@@ -53,5 +55,7 @@ class EventLog {
   FILE* error_log_ = nullptr;
   FILE* event_log_ = nullptr;
 };
+
+}  // namespace klv
 
 #endif  // KLV_DAEMON_EVENT_LOG_H_

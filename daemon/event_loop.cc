@@ -15,6 +15,8 @@
 #include "foundation/ref_string.h"
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 namespace {
 
 constexpr uint32_t kSetCapacity = 16;
@@ -178,3 +180,5 @@ void EventLoop::ReadFailed() {
           << "server will fail\nStop then restart the server.";
   daemon_->Log().Error("locking/socket/readerror", message, Severity::kFatal);
 }
+
+}  // namespace klv

@@ -7,6 +7,8 @@
 #include "foundation/socket.h"
 #include "foundation/time_stamp.h"
 
+namespace klv {
+
 class LockManagerDaemon;
 
 // The daemon's running life: waits on the UDP and the listening TCP socket,
@@ -55,5 +57,7 @@ class EventLoop {
 // those of `due` (the microseconds are not compared), else the difference,
 // borrowing a second when the microseconds would go negative.
 timeval TimeUntil(const TimeStamp& now, const TimeStamp& due);
+
+}  // namespace klv
 
 #endif  // KLV_DAEMON_EVENT_LOOP_H_

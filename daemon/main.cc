@@ -2,4 +2,4 @@
 
 // klvlockd <timeout> <logdir> starts the lock daemon; klvlockd <port> prints
 // the status report of the daemon whose status port that is.
-int main(int argc, char** argv) { return RunKlvlockd(argc, argv); }
+int main(int argc, char** argv) { return klv::RunKlvlockd(argc, argv); }

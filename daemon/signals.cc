@@ -9,6 +9,8 @@
 #include "daemon/event_log.h"
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 namespace {
 
 constexpr int kStopSignals[] = {SIGTERM, SIGABRT, SIGINT};
@@ -96,3 +98,5 @@ void InstallFatalSignalHandler() {
 }
 
 const char* FatalSignalMessage() { return fatal_message; }
+
+}  // namespace klv

@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+namespace klv {
+
 class LockManagerDaemon;
 
 // The daemon's signal handling. Apart from the stop flag and the prepared
@@ -39,5 +41,7 @@ void InstallFatalSignalHandler();
 // The message that the fatal-signal handler writes; empty before
 // InstallFatalSignalHandler.
 const char* FatalSignalMessage();
+
+}  // namespace klv
 
 #endif  // KLV_DAEMON_SIGNALS_H_

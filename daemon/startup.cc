@@ -17,6 +17,8 @@
 #include "foundation/socket.h"
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 namespace {
 
 constexpr const char kWillNotStart[] = "FATAL ERROR: The Kelvane server will not start.\n";
@@ -184,3 +186,5 @@ int RunKlvlockd(int argc, char** argv) {
   if (argc != 3) return BadArgumentList(argc, argv);
   return StartDaemon(argv[1], argv[2]);
 }
+
+}  // namespace klv

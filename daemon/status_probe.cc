@@ -10,6 +10,8 @@
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
 
+namespace klv {
+
 namespace {
 
 constexpr size_t kPieceSize = 8192;
@@ -92,3 +94,5 @@ int RunStatusProbe(const char* port_argument) {
   fflush(stdout);
   return kProbeDone;
 }
+
+}  // namespace klv

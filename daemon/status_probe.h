@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+namespace klv {
+
 // How a fetch of the status report ended; the values are the exit statuses of
 // the probe form.
 enum ProbeStatus {
@@ -24,5 +26,7 @@ ProbeStatus FetchStatusReport(uint16_t port, std::string* report, std::string* f
 // status port is `port_argument`, copies it to standard output in one piece,
 // and returns the exit status (a ProbeStatus). Messages go to standard error.
 int RunStatusProbe(const char* port_argument);
+
+}  // namespace klv
 
 #endif  // KLV_DAEMON_STATUS_PROBE_H_

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace klv {
+
 namespace {
 
 constexpr uint32_t kWordBits = 32;
@@ -41,3 +43,5 @@ void BitSet::GrowFor(uint32_t bit) {
   std::memset(words_ + word_count_, 0, (new_count - word_count_) * sizeof(uint32_t));
   word_count_ = new_count;
 }
+
+}  // namespace klv

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace klv {
+
 // A growable set of bits in 32-bit words: bit i lives in word i / 32 at
 // position i % 32, least significant bit first. Built for n bits it holds
 // ((n + 32) / 32) + 1 zero words; setting or clearing a bit beyond the last
@@ -27,5 +29,7 @@ class BitSet {
   uint32_t word_count_;
   uint32_t* words_;  // calloc, grown with realloc
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_BIT_SET_H_

@@ -9,6 +9,8 @@
 
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 namespace {
 
 // Returned by BytesWaiting when the question cannot be asked, so that a caller
@@ -155,3 +157,5 @@ TransferStatus Descriptor::StatusOf(long result, size_t length, int error, long*
   }
   return TransferStatus::kFailed;
 }
+
+}  // namespace klv

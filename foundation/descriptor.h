@@ -6,6 +6,8 @@
 
 #include "foundation/failure.h"
 
+namespace klv {
+
 // The outcome of a transfer. The comparison with the requested length comes
 // first, so a zero-length request is kComplete.
 enum class TransferStatus : uint32_t {
@@ -65,5 +67,7 @@ class Descriptor {
   SysCallFailure last_failure_;
   int fd_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_DESCRIPTOR_H_

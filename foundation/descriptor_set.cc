@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace klv {
+
 namespace {
 
 constexpr uint32_t kWordBits = 32;
@@ -57,3 +59,5 @@ void DescriptorSet::Resize(uint32_t word_count) {
   }
   word_count_ = word_count;
 }
+
+}  // namespace klv

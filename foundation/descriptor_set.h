@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace klv {
+
 // A growable set of descriptors laid out as the bit array that select takes:
 // 32-bit words, descriptor d in word d / 32 at bit d % 32. Built for a
 // capacity n it has ((n + 32) / 32) + 1 words; setting a descriptor beyond the
@@ -40,5 +42,7 @@ class DescriptorSet {
   uint32_t word_count_ = 0;
   uint32_t* words_ = nullptr;  // calloc, grown with realloc
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_DESCRIPTOR_SET_H_

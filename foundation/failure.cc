@@ -5,6 +5,8 @@
 
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 Failure::Failure() : error_number_(errno) {}
 
 Failure::Failure(const TextBuffer& message) : message_(message), error_number_(errno) {}
@@ -31,3 +33,5 @@ TextBuffer FailureText(const SysCallFailure& failure) {
   text << "(" << failure.ErrorNumber() << ") " << std::strerror(failure.ErrorNumber());
   return text.Text();
 }
+
+}  // namespace klv

@@ -3,6 +3,8 @@
 
 #include "foundation/text_buffer.h"
 
+namespace klv {
+
 // A failure with a message, an error number and, for a system call, the text
 // of the call's arguments.
 class Failure {
@@ -39,5 +41,7 @@ class SysCallFailure : public Failure {
 // "name(arguments): " (when either is non-empty), then "(errno) " and the
 // system's message for it.
 TextBuffer FailureText(const SysCallFailure& failure);
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_FAILURE_H_

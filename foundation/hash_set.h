@@ -7,6 +7,8 @@
 
 #include "foundation/slot_vector.h"
 
+namespace klv {
+
 enum class InsertResult { kInserted, kAlreadyPresent };
 
 // A hash table of element pointers in SlotVector buckets. `Traits` supplies:
@@ -250,5 +252,7 @@ Entry* HashSetIterator<Entry, Traits>::Current() const {
   assert(bucket_iterator_ != nullptr);
   return bucket_iterator_->Current();
 }
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_HASH_SET_H_

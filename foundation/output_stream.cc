@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 // Large enough for any 64-bit number in decimal with its sign.
@@ -67,3 +69,5 @@ OutputStream& operator<<(OutputStream& out, long value) { return WriteNumber(out
 OutputStream& operator<<(OutputStream& out, unsigned long value) {
   return WriteNumber(out, "%lu", value);
 }
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 #include "foundation/ref_string.h"
 #include "foundation/text_buffer.h"
 
+namespace klv {
+
 // Where text is written: a TextBuilder collects it in a TextBuffer, a
 // FileStream converts it to bytes and writes it to a stdio FILE. The writers
 // below take a stream and a value, write one text and return the stream, so
@@ -70,5 +72,7 @@ OutputStream& operator<<(OutputStream& out, int value);            // "%d"
 OutputStream& operator<<(OutputStream& out, unsigned value);       // "%u"
 OutputStream& operator<<(OutputStream& out, long value);           // "%ld"
 OutputStream& operator<<(OutputStream& out, unsigned long value);  // "%lu"
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_OUTPUT_STREAM_H_

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <functional>
 
+namespace klv {
+
 namespace {
 
 // Room given to every body built from existing bytes: the NUL and six more.
@@ -123,3 +125,5 @@ void RefString::MakeUnique() {
     body_ = copy;
   }
 }
+
+}  // namespace klv

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace klv {
+
 // A byte string with a shared, reference-counted body and copy-on-write.
 // Copying a handle never copies bytes; a body is duplicated only when a holder
 // that shares it is about to change it. The bytes are arbitrary (NULs allowed)
@@ -62,5 +64,7 @@ class RefString {
 
   Body* body_ = nullptr;
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_REF_STRING_H_

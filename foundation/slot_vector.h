@@ -8,6 +8,8 @@
 
 #include "foundation/bit_set.h"
 
+namespace klv {
+
 // Whether clearing a vector of pointers also deletes the elements.
 enum class ClearMode { kKeepElements, kDeleteElements };
 
@@ -173,5 +175,7 @@ bool SlotVectorIterator<T>::Advance() {
   ++visited_;
   return true;
 }
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_SLOT_VECTOR_H_

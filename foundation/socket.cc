@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace klv {
+
 namespace {
 
 constexpr socklen_t kAddressLength = sizeof(sockaddr_in);  // 16
@@ -248,3 +250,5 @@ TransferStatus Socket::SendTo(const void* buffer, size_t length, long* count,
   }
   return status;
 }
+
+}  // namespace klv

@@ -11,6 +11,8 @@
 #include "foundation/failure.h"
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 // An IPv4 socket address: the 16 bytes of a sockaddr_in (family AF_INET in
 // host order, port and address in network order, 8 zero bytes) and the
 // failure of the last port setting, if any.
@@ -94,5 +96,7 @@ class Socket : public Descriptor {
   // getsockopt of a SOL_SOCKET buffer size; 4096 when it fails.
   int BufferSize(int option);
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_SOCKET_H_

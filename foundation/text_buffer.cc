@@ -6,6 +6,8 @@
 
 #include "charset/charset.h"
 
+namespace klv {
+
 namespace {
 
 // Capacity for a content of `bytes`: a sixth more and 16 bytes of room,
@@ -162,3 +164,5 @@ void TextBuffer::MakeUnique() {
   Release();
   body_ = copy;
 }
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 
 #include "foundation/ref_string.h"
 
+namespace klv {
+
 // The 16-bit text that every message, report and log record is composed in: a
 // handle to a shared, reference-counted body of 16-bit character units with
 // copy-on-write; a null handle is the empty text. Lengths and capacities are
@@ -73,5 +75,7 @@ class TextBuffer {
 
   Body* body_ = nullptr;
 };
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_TEXT_BUFFER_H_

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <ctime>
 
+namespace klv {
+
 namespace {
 
 constexpr uint32_t kMicrosecondsPerSecond = 1000000;
@@ -56,3 +58,5 @@ OutputStream& FormatTimeStamp(OutputStream& out, const TimeStamp& stamp) {
   std::snprintf(buffer, sizeof buffer, "%s.%03u", FormatSecond(seconds), milliseconds);
   return out << buffer;
 }
+
+}  // namespace klv

@@ -5,6 +5,8 @@
 
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 // Seconds since the epoch and microseconds, normally with microseconds at
 // most 999999.
 struct TimeStamp {
@@ -23,5 +25,7 @@ OutputStream& FormatTimeStamp(OutputStream& out, const TimeStamp& stamp);
 inline OutputStream& operator<<(OutputStream& out, const TimeStamp& stamp) {
   return FormatTimeStamp(out, stamp);
 }
+
+}  // namespace klv
 
 #endif  // KLV_FOUNDATION_TIME_STAMP_H_

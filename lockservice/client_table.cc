@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+namespace klv {
+
 ClientKey ClientKey::Of(const SocketAddress& sender, uint32_t session) {
   ClientKey key;
   memcpy(key.address, sender.Bytes(), kAddressSize);
@@ -41,3 +43,5 @@ void WriteNameField(OutputStream& out, const RefString& name) {
   static const char kBlanks[] = "               ";  // kNameFieldWidth blanks
   out << RefString(kBlanks, kNameFieldWidth - name.Length());
 }
+
+}  // namespace klv

@@ -9,6 +9,8 @@
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
 
+namespace klv {
+
 // The bytes of an IPv4 socket address as the kernel hands them over.
 constexpr size_t kAddressSize = 16;
 // Width of the client name in the status report and the dead-client notice.
@@ -59,5 +61,7 @@ using ClientTable = HashSet<ClientEntry, ClientTraits>;
 // Writes `name` left-justified in a field of exactly 15 bytes: cut to its
 // first 15 bytes, or padded with blanks. The bytes pass unchanged.
 void WriteNameField(OutputStream& out, const RefString& name);
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_CLIENT_TABLE_H_

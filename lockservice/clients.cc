@@ -7,6 +7,8 @@
 
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 bool LockManagerDaemon::HandleClientEnd(const SocketAddress& sender, const LockRequest& request,
                                         LockReply* /*reply*/) {
   EndClient(ClientKey::Of(sender, request.Session()));
@@ -122,3 +124,5 @@ void LockManagerDaemon::WriteDeadClientNotice(const ClientEntry& client) {
   }
   err.Flush();
 }
+
+}  // namespace klv

@@ -9,6 +9,8 @@
 #include "foundation/slot_vector.h"
 #include "lockservice/client_table.h"
 
+namespace klv {
+
 // A file's identity as the server process sends it: two words that the daemon
 // never interprets.
 struct FileKey {
@@ -103,5 +105,7 @@ void RemoveMatching(SlotVector<Lock>* list, Predicate matches) {
     }
   }
 }
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_FILE_ENTRY_H_

@@ -2,6 +2,8 @@
 
 #include <cassert>
 
+namespace klv {
+
 namespace {
 
 // Every table starts with 4 buckets; only the sweep sets a purge limit.
@@ -110,3 +112,5 @@ void LockManagerDaemon::SendDatagram(const SocketAddress& to, const RefString& b
   }
   // A partial send or a would-block loses the datagram; there is no retry.
 }
+
+}  // namespace klv

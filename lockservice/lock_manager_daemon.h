@@ -16,6 +16,8 @@
 #include "lockservice/lock_request.h"
 #include "lockservice/wait_table.h"
 
+namespace klv {
+
 // The one daemon object: the logs, the UDP socket that replies go out on, the
 // check period, and the tables of clients, files and waits. Everything a
 // request handler reads or changes lives here, so a test or a fuzzer can build
@@ -124,5 +126,7 @@ class LockManagerDaemon {
   uint32_t last_wait_id_ = 0;    // wait ids start at 1
   uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks
 };
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_LOCK_MANAGER_DAEMON_H_

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 // Request layout, little-endian 32-bit words:
@@ -248,3 +250,5 @@ void LockReply::Encode() {
   bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
   needs_encoding_ = false;
 }
+
+}  // namespace klv

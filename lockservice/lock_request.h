@@ -6,6 +6,8 @@
 
 #include "foundation/ref_string.h"
 
+namespace klv {
+
 // Codes of the lock protocol. Requests come from server processes; the daemon
 // sends MSG_OPLOCK_BREAK, MSG_OPEN_RETRY and its own REQ_PROBE unasked.
 enum MessageCode : uint32_t {
@@ -166,5 +168,7 @@ class LockReply {
   bool needs_encoding_ = true;
   RefString bytes_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_LOCK_REQUEST_H_

@@ -2,6 +2,8 @@
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
 
+namespace klv {
+
 namespace {
 
 // True when `candidate` agrees with every open of the file, checked in list
@@ -72,3 +74,5 @@ bool LockManagerDaemon::HandleClose(const SocketAddress& sender, const LockReque
   });
   return true;
 }
+
+}  // namespace klv

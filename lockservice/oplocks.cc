@@ -4,6 +4,8 @@
 
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 LockManagerDaemon::OplockDecision LockManagerDaemon::DecideOplock(const LockRequest& request,
                                                                   const ClientKey& requester,
                                                                   FileEntry* file,
@@ -100,3 +102,5 @@ bool LockManagerDaemon::HandleOplockRelease(const SocketAddress& sender, const L
   ReleaseOplocks(file, ClientKey::Of(sender, request.Session()), request.Clientfid());
   return true;
 }
+
+}  // namespace klv

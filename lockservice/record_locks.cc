@@ -2,6 +2,8 @@
 // nothing is queued.
 #include "lockservice/lock_manager_daemon.h"
 
+namespace klv {
+
 namespace {
 
 // The lock type that the daemon does not implement; it still locks exclusively.
@@ -51,3 +53,5 @@ bool LockManagerDaemon::HandleUnlock(const SocketAddress& sender, const LockRequ
   reply->SetStatus(ReplyStatus::kNotFound);
   return true;
 }
+
+}  // namespace klv

@@ -1,5 +1,7 @@
 #include "lockservice/share_modes.h"
 
+namespace klv {
+
 // Kept cell for cell as the file server's sharing rules give it, not derived
 // from a rule. Rows and columns in index order: read, write, read-write, each
 // with DENY_MSDOS (M), DENY_NONE (N), DENY_READ (DR), DENY_WRITE (DW),
@@ -110,3 +112,5 @@ void WriteOpenMode(OutputStream& out, uint32_t openmode) {
     out << deny << "(=DENY_NONE)";
   }
 }
+
+}  // namespace klv

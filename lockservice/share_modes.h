@@ -6,6 +6,8 @@
 #include "foundation/output_stream.h"
 #include "lockservice/file_entry.h"
 
+namespace klv {
+
 // The open-mode word of REQ_OPEN: access in bits 0-3, deny in bits 4-6; the
 // higher bits are ignored.
 constexpr uint32_t kAccessBits = 0x0F;
@@ -46,5 +48,7 @@ bool ShareModesAgree(const OpenLock& new_open, const OpenLock& held);
 // in "|" for the named values only) directly followed by the deny text, as in
 // "OPEN_READWRITE|DENY_WRITE" or "7(=READ)DENY_NONE".
 void WriteOpenMode(OutputStream& out, uint32_t openmode);
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_SHARE_MODES_H_

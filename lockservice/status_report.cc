@@ -4,6 +4,8 @@
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
 
+namespace klv {
+
 namespace {
 
 // Sums over the files that hold at least one lock.
@@ -106,3 +108,5 @@ void LockManagerDaemon::SendStatusReport(Descriptor* connection) {
     if (status == TransferStatus::kPartial) written += static_cast<size_t>(count);
   }
 }
+
+}  // namespace klv

@@ -8,6 +8,8 @@
 #include "lockservice/client_table.h"
 #include "lockservice/file_entry.h"
 
+namespace klv {
+
 // One open that met oplocks and was told to wait. It names its file by key,
 // not by pointer, because the sweep may delete an idle file entry while the
 // wait is still listed, and its holders by oplock id, because oplock records
@@ -28,5 +30,7 @@ struct WaitTraits {
 };
 
 using WaitTable = HashSet<WaitEntry, WaitTraits>;
+
+}  // namespace klv
 
 #endif  // KLV_LOCKSERVICE_WAIT_TABLE_H_

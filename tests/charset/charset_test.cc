@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace klv {
+
 namespace {
 
 using charset::Decode;
@@ -305,3 +307,5 @@ TEST(Charset, EmptyInputGivesEmptyOutput) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -17,6 +17,8 @@
 #include "tests/support/log_records.h"
 #include "tests/support/process_tools.h"
 
+namespace klv {
+
 namespace {
 
 using log_records::ErrorRecord;
@@ -200,3 +202,5 @@ TEST(EventLog, EventLogThatCannotBeOpenedIsRecordedInTheErrorLog) {
 }
 
 }  // namespace
+
+}  // namespace klv

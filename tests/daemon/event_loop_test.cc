@@ -12,6 +12,8 @@
 #include "tests/support/daemon_process.h"
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 namespace {
 
 using wire::FromHex;
@@ -162,3 +164,5 @@ TEST_F(EventLoopTest, StatusConnectionsInARowEachGetAReport) {
 }
 
 }  // namespace
+
+}  // namespace klv

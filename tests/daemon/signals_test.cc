@@ -12,6 +12,8 @@
 #include "tests/support/daemon_process.h"
 #include "tests/support/log_records.h"
 
+namespace klv {
+
 namespace {
 
 // The ids of the event lines written after `mark`.
@@ -87,3 +89,5 @@ TEST(Signals, HangupEndsTheDaemonWithoutAStopLine) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -12,6 +12,8 @@
 #include "tests/support/daemon_process.h"
 #include "tests/support/log_records.h"
 
+namespace klv {
+
 namespace {
 
 const std::string kWillNotStart = "FATAL ERROR: The Kelvane server will not start.\n";
@@ -121,3 +123,5 @@ TEST(Startup, TwoDaemonsRunSideBySide) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -11,6 +11,8 @@
 
 #include "tests/support/daemon_process.h"
 
+namespace klv {
+
 namespace {
 
 // A port on 127.0.0.1 that refuses connections while the returned socket,
@@ -73,3 +75,5 @@ TEST(StatusProbe, PortWhereNothingListensExitsTwelve) {
 }
 
 }  // namespace
+
+}  // namespace klv

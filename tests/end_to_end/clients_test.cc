@@ -6,6 +6,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -88,3 +90,5 @@ TEST_F(ClientsEndToEnd, EndedClientMayOpenAgain) {
 }
 
 }  // namespace
+
+}  // namespace klv

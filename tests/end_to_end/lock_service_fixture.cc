@@ -3,6 +3,8 @@
 #include <regex>
 #include <utility>
 
+namespace klv {
+
 using wire::Hex;
 using wire::WordAt;
 
@@ -130,3 +132,5 @@ std::string LockServiceTest::Totals() {
   if (!report.empty() && report.back() == '\n') report.pop_back();
   return report.substr(report.rfind('\n') + 1);
 }
+
+}  // namespace klv

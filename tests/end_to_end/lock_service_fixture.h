@@ -11,6 +11,8 @@
 #include "tests/support/udp_client.h"
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 // The lock service seen from outside: the real klvlockd run as a process, and
 // file-server processes that talk to it over UDP on 127.0.0.1.
 //
@@ -135,5 +137,7 @@ class LockServiceTest : public ::testing::Test {
   OutputMark mark_;
   uint32_t files_made_ = 0;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_END_TO_END_LOCK_SERVICE_FIXTURE_H_

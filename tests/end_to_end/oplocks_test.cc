@@ -6,6 +6,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -174,3 +176,5 @@ TEST_F(OplocksEndToEnd, FileWithAnOpenIsGrantedWithoutOplock) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -9,6 +9,8 @@
 #include "tests/end_to_end/lock_service_fixture.h"
 #include "tests/support/log_records.h"
 
+namespace klv {
+
 namespace {
 
 using wire::kConflict;
@@ -150,3 +152,5 @@ TEST_F(RecordLocksEndToEnd, ClientEndDropsTheRangesOfItsClientOnEveryFile) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -83,3 +85,5 @@ TEST_F(RequestsEndToEnd, TruncatedProbeIsNeverAnsweredAsARequest) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -7,6 +7,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::kConflict;
@@ -175,3 +177,5 @@ TEST_F(ShareModesEndToEnd, CloseOfUnknownFileIsDoneAndAddsNothing) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -242,3 +244,5 @@ TEST_F(StatusReportEndToEnd, NamesAndPathsPassThroughByteForByte) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -24,6 +24,8 @@
 
 #include "tests/end_to_end/lock_service_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -120,3 +122,5 @@ TEST_F(SweepEndToEnd, ProbesAtTheFirstSweepAndReleasesTheSilentClientAtTheSecond
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace klv {
+
 namespace {
 
 // True when words `from` to WordCount() - 1 are all zero.
@@ -96,3 +98,5 @@ TEST(BitSet, GrowthKeepsEveryBitAlreadySet) {
 }
 
 }  // namespace
+
+}  // namespace klv

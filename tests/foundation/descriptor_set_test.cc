@@ -5,6 +5,8 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+namespace klv {
+
 namespace {
 
 // True when words `from` to WordCount() - 1 are all zero.
@@ -162,3 +164,5 @@ TEST(DescriptorSet, SelectOnAGrownSetWithAnOddWordCount) {
 }
 
 }  // namespace
+
+}  // namespace klv

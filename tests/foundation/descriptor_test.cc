@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace klv {
+
 namespace {
 
 class DescriptorTest : public ::testing::Test {
@@ -296,3 +298,5 @@ TEST_F(DescriptorTest, SendFdWouldBlockWhenPeerIsFull) {
 }
 
 }  // namespace
+
+}  // namespace klv

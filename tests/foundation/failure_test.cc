@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 std::string Latin1(const TextBuffer& text) { return text.Encode(26); }
@@ -72,3 +74,5 @@ TEST(SysCallFailure, LaterRecordReplacesEarlier) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -5,6 +5,8 @@
 #include <initializer_list>
 #include <vector>
 
+namespace klv {
+
 namespace {
 
 // Counts idle tests, so that a test can see how much of the purge budget went.
@@ -376,3 +378,5 @@ TEST(HashSet, DeleteAllDeletesEveryElement) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 std::string BytesOf(const RefString& bytes) { return std::string(bytes.Text(), bytes.Length()); }
@@ -121,3 +123,5 @@ TEST(FileStream, LeavesFileOpen) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 // A string of `length` copies of `byte`, built from bytes (capacity length + 7).
@@ -262,3 +264,5 @@ TEST(RefString, HashMultipliesByNine) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -7,6 +7,8 @@
 
 #include "foundation/ref_string.h"
 
+namespace klv {
+
 namespace {
 
 // A lock-list style record held inline.
@@ -236,3 +238,5 @@ TEST(SlotVector, IteratorVisitsSlotsInOrder) {
 }
 
 }  // namespace
+
+}  // namespace klv

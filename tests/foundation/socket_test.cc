@@ -14,6 +14,8 @@
 
 #include "tests/support/stderr_capture.h"
 
+namespace klv {
+
 namespace {
 
 class SocketTest : public ::testing::Test {
@@ -350,3 +352,5 @@ TEST_F(SocketTest, TransferFailures) {
 }
 
 }  // namespace
+
+}  // namespace klv

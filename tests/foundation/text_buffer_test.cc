@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace klv {
+
 namespace {
 
 // The text's characters as ISO 8859-1 bytes.
@@ -183,3 +185,5 @@ TEST(TextBuffer, DecodeCountsBytesNotNul) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <string>
 
+namespace klv {
+
 namespace {
 
 class TimeStampTest : public ::testing::Test {
@@ -83,3 +85,5 @@ TEST_F(TimeStampTest, NowIsNormalisedAndCurrent) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -9,6 +9,8 @@
 
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 namespace {
 
 SocketAddress Loopback(uint16_t port, unsigned char padding = 0) {
@@ -68,3 +70,5 @@ TEST(ClientTable, NameFieldIsFifteenBytesWide) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -5,6 +5,8 @@
 
 #include "tests/lockservice/daemon_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Hex;
@@ -205,3 +207,5 @@ TEST_F(ClientsTest, SweepPurgesIdleFilesOnly) {
 }
 
 }  // namespace
+
+}  // namespace klv

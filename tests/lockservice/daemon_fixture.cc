@@ -14,6 +14,8 @@
 #include "foundation/output_stream.h"
 #include "tests/support/process_tools.h"
 
+namespace klv {
+
 void DaemonTest::SetUp() {
   char pattern[] = "/tmp/klv-lockservice-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -121,3 +123,5 @@ std::string DaemonTest::Totals() {
 std::string DaemonTest::ErrorLog() {
   return process_tools::ReadFileFrom(log_directory_ + "/errlock.log", 0);
 }
+
+}  // namespace klv

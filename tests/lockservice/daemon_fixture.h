@@ -13,6 +13,8 @@
 #include "tests/support/stderr_capture.h"
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 // Request bytes come from tests/support/wire_bytes.h, written by hand apart
 // from the daemon's encoder.
 
@@ -75,5 +77,7 @@ class DaemonTest : public ::testing::Test {
   Socket udp_;
   std::vector<std::unique_ptr<TestClient>> clients_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_LOCKSERVICE_DAEMON_FIXTURE_H_

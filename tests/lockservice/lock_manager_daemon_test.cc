@@ -10,6 +10,8 @@
 
 #include "tests/lockservice/daemon_fixture.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Words;
@@ -72,3 +74,5 @@ TEST_F(LockManagerDaemonTest, FailedBreakIsLoggedAsAsynchronous) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 namespace {
 
 using wire::Words;
@@ -160,3 +162,5 @@ TEST(LockReply, DaemonMessagesCarryTheirBodies) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -6,6 +6,8 @@
 
 #include "foundation/output_stream.h"
 
+namespace klv {
+
 namespace {
 
 std::string ModeText(uint32_t openmode) {
@@ -74,3 +76,5 @@ TEST(ShareModes, UnknownValuesAsText) {
 }
 
 }  // namespace
+
+}  // namespace klv

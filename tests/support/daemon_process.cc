@@ -16,6 +16,8 @@
 #include "tests/support/process_tools.h"
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 namespace pt = process_tools;
 
 namespace {
@@ -261,3 +263,5 @@ void DaemonProcess::Kill() {
   kill(pid_, SIGKILL);
   WaitForExit(2000);
 }
+
+}  // namespace klv

@@ -12,6 +12,8 @@
 
 #include "tests/support/udp_client.h"
 
+namespace klv {
+
 namespace process_tools {
 enum class Forking;
 }
@@ -157,5 +159,7 @@ class DaemonProcess {
   uint16_t tcp_port_ = 0;
   std::unique_ptr<UdpClient> client_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_DAEMON_PROCESS_H_

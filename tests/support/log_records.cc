@@ -2,6 +2,8 @@
 
 #include <regex>
 
+namespace klv {
+
 namespace log_records {
 
 bool IsTimeStamp(const std::string& text) {
@@ -46,3 +48,5 @@ std::string RecordText(const ErrorRecord& record) {
 }
 
 }  // namespace log_records
+
+}  // namespace klv

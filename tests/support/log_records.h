@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+namespace klv {
+
 // The daemon's log texts taken apart, so that a test can compare everything
 // but the time stamps exactly.
 namespace log_records {
@@ -38,5 +40,7 @@ std::vector<ErrorRecord> ParseErrorRecords(const std::string& text);
 std::string RecordText(const ErrorRecord& record);
 
 }  // namespace log_records
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_LOG_RECORDS_H_

@@ -17,6 +17,8 @@
 #include <sstream>
 #include <thread>
 
+namespace klv {
+
 namespace process_tools {
 namespace {
 
@@ -140,3 +142,5 @@ std::string ReadFileFrom(const std::string& path, size_t offset) {
 }
 
 }  // namespace process_tools
+
+}  // namespace klv

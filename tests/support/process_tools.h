@@ -9,6 +9,8 @@
 
 #include "tests/support/daemon_process.h"
 
+namespace klv {
+
 // The process and file chores under DaemonProcess and RunKlvlockd. Every wait
 // is bounded.
 namespace process_tools {
@@ -47,5 +49,7 @@ size_t FileSize(const std::string& path);
 std::string ReadFileFrom(const std::string& path, size_t offset);
 
 }  // namespace process_tools
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_PROCESS_TOOLS_H_

@@ -7,6 +7,8 @@
 
 #include "tests/support/process_tools.h"
 
+namespace klv {
+
 StderrCapture::StderrCapture() {
   char pattern[] = "/tmp/klv-stderr-XXXXXX";
   const int fd = mkstemp(pattern);
@@ -31,3 +33,5 @@ std::string StderrCapture::Text() {
   text_ = process_tools::ReadFileFrom(path_, 0);
   return text_;
 }
+
+}  // namespace klv

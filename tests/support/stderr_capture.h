@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace klv {
+
 // Collects what this process writes to standard error (descriptor 2) between
 // its construction and Text(), through a temporary file put in its place.
 class StderrCapture {
@@ -21,5 +23,7 @@ class StderrCapture {
   std::string path_;
   std::string text_;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_STDERR_CAPTURE_H_

@@ -10,6 +10,8 @@
 
 #include "tests/support/wire_bytes.h"
 
+namespace klv {
+
 namespace {
 
 sockaddr_in Loopback(uint16_t port) {
@@ -86,3 +88,5 @@ bool UdpClient::ReceivesNothing(int timeout_ms) {
 bool UdpClient::Exchange(const std::string& request, std::string* reply, int timeout_ms) {
   return Send(request) && Receive(reply, timeout_ms);
 }
+
+}  // namespace klv

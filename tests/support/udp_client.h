@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+namespace klv {
+
 // One client of the daemon, as a file-server process would be: a UDP socket
 // bound to 127.0.0.1 at a port of its own, talking to the daemon's port on
 // 127.0.0.1. Several clients make several client addresses. Every wait is
@@ -43,5 +45,7 @@ class UdpClient {
   uint16_t daemon_port_;
   int probes_answered_ = 0;
 };
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_UDP_CLIENT_H_

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+namespace klv {
+
 namespace wire {
 
 std::string Word(uint32_t value) {
@@ -94,3 +96,5 @@ std::string Hex(const std::string& bytes) {
 }
 
 }  // namespace wire
+
+}  // namespace klv

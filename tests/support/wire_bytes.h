@@ -6,6 +6,8 @@
 #include <initializer_list>
 #include <string>
 
+namespace klv {
+
 // Request bytes for tests, written word by word, low byte first, apart from
 // the daemon's own encoder, so that a fault in the encoder cannot hide in the
 // expected bytes. Every builder returns the datagram as a std::string.
@@ -90,5 +92,7 @@ std::string FromHex(const std::string& hex);
 std::string Hex(const std::string& bytes);
 
 }  // namespace wire
+
+}  // namespace klv
 
 #endif  // KLV_TESTS_SUPPORT_WIRE_BYTES_H_

@@ -10,6 +10,8 @@
 #include "tests/end_to_end/lock_service_fixture.h"
 #include "tools/lockinfo/report_writers.h"
 
+namespace klv {
+
 namespace {
 
 constexpr char kReport[] =
@@ -145,3 +147,5 @@ TEST_F(ReportParserOnDaemon, ReadsTheReportOfARunningDaemon) {
 }
 
 }  // namespace
+
+}  // namespace klv

@@ -9,6 +9,8 @@
 #include "tools/lockinfo/report_parser.h"
 #include "tools/lockinfo/report_writers.h"
 
+namespace klv {
+
 namespace {
 
 // The exit status of a wrong command line, which the probe form does not have.
@@ -116,9 +118,8 @@ int WriteReport(const std::string& text, Format format, uint16_t port) {
   return kProbeDone;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// The whole program: reads the command line, fetches the report and prints it.
+int Run(int argc, char** argv) {
   Options options;
   const int done = ReadArguments(argc, argv, &options);
   if (done >= 0) return done;
@@ -137,3 +138,9 @@ int main(int argc, char** argv) {
   if (options.format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
   return status;
 }
+
+}  // namespace
+
+}  // namespace klv
+
+int main(int argc, char** argv) { return klv::Run(argc, argv); }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
+namespace klv {
+
 namespace {
 
 constexpr size_t kNameWidth = 15;
@@ -161,3 +163,5 @@ bool ParseStatusReport(std::string_view text, StatusReport* report, std::string*
   if (!parsed) *error = in.Error();
   return parsed;
 }
+
+}  // namespace klv

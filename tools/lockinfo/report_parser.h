@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+namespace klv {
+
 // The daemon's status report read back into its parts. Names are the report's
 // 15-character name fields without their padding blanks; every number is an
 // unsigned 32-bit value as the report writes it.
@@ -60,5 +62,7 @@ struct StatusReport {
 // text is not such a report, with "line N: expected ..." in `error`. A path
 // that holds a newline cannot be told from the lines that follow it.
 bool ParseStatusReport(std::string_view text, StatusReport* report, std::string* error);
+
+}  // namespace klv
 
 #endif  // KLV_TOOLS_LOCKINFO_REPORT_PARSER_H_

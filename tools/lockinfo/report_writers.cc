@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+namespace klv {
+
 namespace {
 
 // Appends a JSON string: quotes, backslashes and control characters escaped,
@@ -186,3 +188,5 @@ std::string UnreachableMetrics() {
   AppendGauge(&out, "klvlockd_up", kUpHelp, {{"", 0}});
   return out;
 }
+
+}  // namespace klv

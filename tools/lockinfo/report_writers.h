@@ -5,6 +5,8 @@
 
 #include "tools/lockinfo/report_parser.h"
 
+namespace klv {
+
 // The report as one JSON object, ending with a newline:
 //   {"time": ..., "version": ..., "clients": [{"name", "state", "session", "address",
 //    "port"}...], "files": [{"key_hi", "key_lo", "path", "opens": [{"holder", "clientfid",
@@ -20,5 +22,7 @@ std::string ReportMetrics(const StatusReport& report);
 
 // What the metrics say when no report could be had: klvlockd_up 0.
 std::string UnreachableMetrics();
+
+}  // namespace klv
 
 #endif  // KLV_TOOLS_LOCKINFO_REPORT_WRITERS_H_

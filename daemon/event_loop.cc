@@ -22,8 +22,9 @@ namespace {
 constexpr uint32_t kSetCapacity = 16;
 constexpr long kMicrosecondsPerSecond = 1000000;
 
-}  // namespace
-
+// The time from `now` until `due`: zero once the seconds of `now` have reached
+// those of `due` (the microseconds are not compared), else the difference,
+// borrowing a second when the microseconds would go negative.
 timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   timeval timeout = {0, 0};
   if (now.seconds >= due.seconds) return timeout;
@@ -35,6 +36,8 @@ timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   }
   return timeout;
 }
+
+}  // namespace
 
 EventLoop::EventLoop(LockManagerDaemon* daemon, Socket* udp, Socket* tcp)
     : daemon_(daemon), udp_(udp), tcp_(tcp), watched_(kSetCapacity), readable_(kSetCapacity) {}

@@ -53,11 +53,6 @@ class EventLoop {
   TimeStamp next_check_;
 };
 
-// The time from `now` until `due`: zero once the seconds of `now` have reached
-// those of `due` (the microseconds are not compared), else the difference,
-// borrowing a second when the microseconds would go negative.
-timeval TimeUntil(const TimeStamp& now, const TimeStamp& due);
-
 }  // namespace klv
 
 #endif  // KLV_DAEMON_EVENT_LOOP_H_

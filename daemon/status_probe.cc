@@ -70,7 +70,7 @@ int RunStatusProbe(const char* port_argument) {
   SocketAddress local;
   local.SetLoopback();
   Socket connection;
-  if (!connection.BindTo(local, SOCK_STREAM, AddressReuse::kOff, 0, Progress::kQuiet)) {
+  if (!connection.BindTo(local, SOCK_STREAM)) {
     return ProbeFailed("LOCKDSTATUS: Unable to bind to local tcp port: ", connection,
                        kNoLocalSocket);
   }

@@ -51,13 +51,6 @@ RefString::~RefString() { Release(); }
 
 const char* RefString::Text() const { return body_ != nullptr ? body_->buffer : kEmptyText; }
 
-void RefString::Truncate(uint32_t length) {
-  assert(length <= Length());
-  MakeUnique();
-  body_->length = length;
-  body_->buffer[length] = '\0';
-}
-
 void RefString::Append(const char* bytes, uint32_t count) {
   MakeUnique();
   Body* body = body_;
@@ -80,19 +73,10 @@ void RefString::Append(const char* bytes, uint32_t count) {
 
 void RefString::Append(const char* text) { Append(text, static_cast<uint32_t>(std::strlen(text))); }
 
-void RefString::Append(const RefString& other) { Append(other.Text(), other.Length()); }
-
 bool RefString::Equals(const RefString& other) const {
   if (body_ == other.body_) return true;
   if (Length() != other.Length()) return false;
   return std::memcmp(Text(), other.Text(), Length()) == 0;
-}
-
-uint32_t RefString::Hash() const {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(Text());
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) hash = hash + (hash << 3) + bytes[i];
-  return hash;
 }
 
 RefString::Body* RefString::NewBody(const char* bytes, uint32_t count) {

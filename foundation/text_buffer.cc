@@ -70,15 +70,8 @@ RefString TextBuffer::ToRefString() const {
   return RefString(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
-char16_t TextBuffer::At(uint32_t index) const {
-  assert(index < Characters());
-  char16_t unit;
-  std::memcpy(&unit, body_->data + index * sizeof(char16_t), sizeof(char16_t));
-  return unit;
-}
-
 std::u16string TextBuffer::ToU16String() const {
-  std::u16string units(Characters(), u'\0');
+  std::u16string units(Length() / sizeof(char16_t), u'\0');
   if (!units.empty()) std::memcpy(units.data(), body_->data, units.size() * sizeof(char16_t));
   return units;
 }
@@ -92,54 +85,17 @@ void TextBuffer::SetLength(uint32_t bytes) {
   body_->length = bytes;
 }
 
-void TextBuffer::Resize(uint32_t characters) { SetLength(characters * sizeof(char16_t)); }
-
 void TextBuffer::Append(const TextBuffer& other) {
   if (other.IsEmpty()) return;
   // Holding the other body keeps it alive and intact when it is our own.
   const TextBuffer source = other;
-  Insert(Length(), source.body_->data, source.body_->length);
+  AppendBytes(source.body_->data, source.body_->length);
 }
 
-void TextBuffer::Insert(uint32_t position, const char* bytes, uint32_t count) {
+void TextBuffer::AppendBytes(const char* bytes, uint32_t count) {
   const uint32_t old_length = Length();
-  assert(position <= old_length);
   SetLength(old_length + count);
-  char* data = body_->data;
-  std::memmove(data + position + count, data + position, old_length - position);
-  if (count != 0) std::memcpy(data + position, bytes, count);
-}
-
-void TextBuffer::Erase(uint32_t position, uint32_t count) {
-  const uint32_t old_length = Length();
-  assert(position <= old_length && count <= old_length - position);
-  MakeUnique();
-  char* data = body_->data;
-  const uint32_t tail = old_length - position - count;
-  if (tail != 0) std::memmove(data + position, data + position + count, tail);
-  SetLength(old_length - count);
-}
-
-void TextBuffer::AppendByte(uint8_t byte) {
-  const char c = static_cast<char>(byte);
-  Insert(Length(), &c, 1);
-}
-
-uint32_t TextBuffer::Hash() const {
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) {
-    hash = hash + 8 * hash + static_cast<unsigned char>(body_->data[i]);
-  }
-  return hash;
-}
-
-bool TextBuffer::Equals(const TextBuffer& other) const {
-  const uint32_t length = Length();
-  if (length == 0 || body_ == other.body_) return true;
-  // Only this text's length counts; a shorter other text cannot hold all of
-  // its bytes, so it differs.
-  if (other.Length() < length) return false;
-  return std::memcmp(body_->data, other.body_->data, length) == 0;
+  std::memcpy(body_->data + old_length, bytes, count);
 }
 
 void TextBuffer::Release() {

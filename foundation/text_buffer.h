@@ -36,31 +36,10 @@ class TextBuffer {
   RefString ToRefString() const;
 
   uint32_t Length() const { return body_ ? body_->length : 0; }  // bytes
-  uint32_t Characters() const { return Length() / 2; }
-  uint32_t Capacity() const { return body_ ? body_->capacity : 0; }
-  uint32_t References() const { return body_ ? body_->references : 0; }
   bool IsEmpty() const { return Length() == 0; }
-  // Character `index`, which must be below Characters().
-  char16_t At(uint32_t index) const;
   std::u16string ToU16String() const;
 
-  // Sets the length in bytes; when it is not below the capacity, grows to
-  // (n + n / 6 + 16) rounded down to a multiple of 16. Shrinking keeps the
-  // capacity.
-  void SetLength(uint32_t bytes);
-  // Sets the length to `characters` 16-bit units.
-  void Resize(uint32_t characters);
   void Append(const TextBuffer& other);
-  // Inserts raw content bytes at byte `position`, shifting the tail up.
-  void Insert(uint32_t position, const char* bytes, uint32_t count);
-  // Erases `count` content bytes at byte `position`, shifting the tail down.
-  void Erase(uint32_t position, uint32_t count);
-  void AppendByte(uint8_t byte);
-
-  // h = h + 8h + byte over the content bytes, 32-bit wrap.
-  uint32_t Hash() const;
-  // Compares over the length of this text only: an empty text equals anything.
-  bool Equals(const TextBuffer& other) const;
 
  private:
   struct Body {
@@ -72,6 +51,11 @@ class TextBuffer {
 
   void Release();
   void MakeUnique();
+  // Sets the length in bytes; when it is not below the capacity, grows to
+  // (n + n / 6 + 16) rounded down to a multiple of 16.
+  void SetLength(uint32_t bytes);
+  // Appends raw content bytes.
+  void AppendBytes(const char* bytes, uint32_t count);
 
   Body* body_ = nullptr;
 };

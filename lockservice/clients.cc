@@ -47,7 +47,7 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
   MarkAlive(key);
 }
 
-void LockManagerDaemon::CheckLiveness(const ClientKey& key) {
+void LockManagerDaemon::ProbeIfSilent(const ClientKey& key) {
   ClientEntry* client = clients_.Find(key);
   if (client == nullptr) return;
   if (client->state == ClientState::kOk && client->activity_tick < sweep_tick_) {
@@ -79,12 +79,12 @@ void LockManagerDaemon::SweepClients() {
   // A client probed by this sweep is in WAIT when the walk comes round again;
   // it must have until the next sweep to answer, so it is passed over.
   std::vector<const ClientEntry*> probed;
-  while (ClientEntry* dead = FindDeadClient(m, &probed)) ReleaseDeadClient(dead);
+  while (ClientEntry* dead = ProbeClientsUntilOneIsDead(m, &probed)) ReleaseDeadClient(dead);
   ++sweep_tick_;
 }
 
-ClientEntry* LockManagerDaemon::FindDeadClient(uint32_t m,
-                                               std::vector<const ClientEntry*>* probed) {
+ClientEntry* LockManagerDaemon::ProbeClientsUntilOneIsDead(
+    uint32_t m, std::vector<const ClientEntry*>* probed) {
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {

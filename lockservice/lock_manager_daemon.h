@@ -53,8 +53,6 @@ class LockManagerDaemon {
  private:
   // Which reply writer sends a datagram; it decides the failure events.
   enum class Writer { kSynchronous, kAsynchronous };
-  // What an open may do about the file's oplocks.
-  enum class OplockDecision { kWait, kGrantWithOplock, kGrantWithoutOplock };
 
   // lock_manager_daemon.cc: the reply writers. A send that returns 0 is fatal;
   // any other failure is logged and the datagram dropped.
@@ -80,13 +78,14 @@ class LockManagerDaemon {
   void MarkAlive(const ClientKey& key);
   // Releases every lock and wait of the client; its entry stays.
   void EndClient(const ClientKey& key);
-  // Probes the client when it is in state OK and silent since the last sweep.
-  void CheckLiveness(const ClientKey& key);
+  // Sends the client a probe when it is in state OK and silent since the
+  // last sweep.
+  void ProbeIfSilent(const ClientKey& key);
   void SendProbe(ClientEntry* client);
-  // Walks the client table, probing each silent OK client with chance 1/m
-  // and adding it to `probed`, up to the first client found dead (and not
-  // probed by this sweep), which it returns; nullptr at the end.
-  ClientEntry* FindDeadClient(uint32_t m, std::vector<const ClientEntry*>* probed);
+  // Walks the client table, sending a probe to each silent OK client drawn
+  // with chance 1/m and adding it to `probed`, up to the first client found
+  // dead (and not probed by this sweep), which it returns; nullptr at the end.
+  ClientEntry* ProbeClientsUntilOneIsDead(uint32_t m, std::vector<const ClientEntry*>* probed);
   void ReleaseDeadClient(ClientEntry* client);
   void WriteDeadClientNotice(const ClientEntry& client);
 
@@ -94,10 +93,14 @@ class LockManagerDaemon {
   FileEntry* FindOrAddFile(const FileKey& key);
 
   // oplocks.cc
-  // Breaks every oplock of the file on behalf of `requester`; kWait stores
-  // the new wait id in `wait_id`.
-  OplockDecision DecideOplock(const LockRequest& request, const ClientKey& requester,
-                              FileEntry* file, uint32_t* wait_id);
+  // Sends MSG_OPLOCK_BREAK to the holder of every oplock of the file and
+  // makes `requester` wait for them all: true, with the new wait id in
+  // `wait_id`, when the file had oplocks; false when it had none.
+  bool BreakOplocks(const LockRequest& request, const ClientKey& requester, FileEntry* file,
+                    uint32_t* wait_id);
+  // Whether an open that met no oplock may have one: it asks for one, is no
+  // retry, and nobody has the file open.
+  static bool OplockGrantable(const LockRequest& request, const FileEntry& file);
   // Drops the wait `id` and its mention in its holders' lists; an unknown id
   // changes nothing.
   void WithdrawWait(uint32_t id);
@@ -107,7 +110,7 @@ class LockManagerDaemon {
   void ReleaseOplocksWhere(FileEntry* file, const std::function<bool(const OpLock&)>& matches);
   // Removes the oplock at `slot`, sending MSG_OPEN_RETRY to each waiter that
   // waited for it last.
-  void ReleaseOplockAt(FileEntry* file, uint32_t slot);
+  void ReleaseOplockAndSendRetries(FileEntry* file, uint32_t slot);
 
   // status_report.cc
   void WriteClientLines(OutputStream& out);

@@ -10,7 +10,9 @@ namespace klv {
 // Copying a handle never copies bytes; a body is duplicated only when a holder
 // that shares it is about to change it. The bytes are arbitrary (NULs allowed)
 // and the body always keeps a NUL after the last byte. A null handle is the
-// empty string and owns no body. Not thread-safe: the count is a plain integer.
+// empty string and owns no body. The one copy-on-write body of the library:
+// TextBuffer keeps its 16-bit units in a RefString too. Not thread-safe: the
+// count is a plain integer.
 class RefString {
  public:
   RefString() = default;
@@ -29,8 +31,9 @@ class RefString {
   const char* Text() const;
   bool IsEmpty() const { return Length() == 0; }
 
-  // Appends `count` bytes. Grows, when they do not fit, to t + (t / 8)^2 with
-  // t = length + count + 10, in 32-bit arithmetic.
+  // Appends `count` bytes, which may be this string's own. Grows, when they
+  // do not fit, to n + n / 6 + 16 bytes rounded down to a multiple of 16, n
+  // being the new length with its NUL.
   void Append(const char* bytes, uint32_t count);
   void Append(const char* text);
 

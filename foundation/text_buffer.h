@@ -8,20 +8,13 @@
 
 namespace klv {
 
-// The 16-bit text that every message, report and log record is composed in: a
-// handle to a shared, reference-counted body of 16-bit character units with
-// copy-on-write; a null handle is the empty text. Lengths and capacities are
-// counted in bytes (two per character). Text enters from bytes and leaves as
-// bytes through a character-set id (charset/charset.h). Not thread-safe.
+// The 16-bit text that every message, report and log record is composed in:
+// its 16-bit character units held in a RefString, so that copies share them
+// and a change copies them first. Lengths are counted in bytes (two per
+// character). Text enters from bytes and leaves as bytes through a
+// character-set id (charset/charset.h).
 class TextBuffer {
  public:
-  TextBuffer() = default;
-  TextBuffer(const TextBuffer& other);
-  TextBuffer(TextBuffer&& other) noexcept;
-  TextBuffer& operator=(const TextBuffer& other);
-  TextBuffer& operator=(TextBuffer&& other) noexcept;
-  ~TextBuffer();
-
   // Builds a text from `count` bytes through converter `charset_id`.
   static TextBuffer Decode(const char* bytes, uint32_t count, int charset_id);
   // A NUL-terminated literal, decoded as UTF-8 (id 29).
@@ -35,29 +28,14 @@ class TextBuffer {
   // The text as a byte string through ISO 8859-1 (id 26).
   RefString ToRefString() const;
 
-  uint32_t Length() const { return body_ ? body_->length : 0; }  // bytes
-  bool IsEmpty() const { return Length() == 0; }
+  uint32_t Length() const { return units_.Length(); }  // bytes
+  bool IsEmpty() const { return units_.IsEmpty(); }
   std::u16string ToU16String() const;
 
-  void Append(const TextBuffer& other);
+  void Append(const TextBuffer& other) { units_.Append(other.units_.Text(), other.Length()); }
 
  private:
-  struct Body {
-    uint32_t references;
-    uint32_t length;
-    uint32_t capacity;
-    char* data;  // malloc/realloc
-  };
-
-  void Release();
-  void MakeUnique();
-  // Sets the length in bytes; when it is not below the capacity, grows to
-  // (n + n / 6 + 16) rounded down to a multiple of 16.
-  void SetLength(uint32_t bytes);
-  // Appends raw content bytes.
-  void AppendBytes(const char* bytes, uint32_t count);
-
-  Body* body_ = nullptr;
+  RefString units_;  // the units in host byte order
 };
 
 }  // namespace klv

@@ -3,7 +3,7 @@
 
 #include <cassert>
 #include <cstdint>
-#include <cstdlib>
+#include <functional>
 
 #include "foundation/slot_vector.h"
 
@@ -50,9 +50,9 @@ class HashSet {
   bool Remove(const Key& key);
   // Deletes idle elements chosen at random until Size() <= the purge limit / 2
   // or a budget of limit / 2 + 1 tests is spent; nothing happens when
-  // Size() < limit. At most one element per bucket and pass. `random`
-  // stands for the C library's rand. True when anything was removed.
-  bool Purge(int (*random)() = &std::rand);
+  // Size() < limit. At most one element per bucket and pass; each pass
+  // starts at the bucket that `random` draws. True when anything was removed.
+  bool Purge(const std::function<uint32_t()>& random);
   // Deletes every element and empties the set.
   void DeleteAll();
 
@@ -149,7 +149,7 @@ bool HashSet<Entry, Traits>::Remove(const Key& key) {
 }
 
 template <typename Entry, typename Traits>
-bool HashSet<Entry, Traits>::Purge(int (*random)()) {
+bool HashSet<Entry, Traits>::Purge(const std::function<uint32_t()>& random) {
   if (size_ < purge_limit_) return false;
   uint32_t budget = purge_limit_ / 2 + 1;
   bool removed = false;
@@ -157,7 +157,7 @@ bool HashSet<Entry, Traits>::Purge(int (*random)()) {
     // Each pass walks from a random bucket to the last one, so removals
     // spread over the table instead of emptying its first buckets. Once the
     // budget is spent the rest of the walk could change nothing.
-    const uint32_t start = static_cast<uint32_t>(random()) & mask_;
+    const uint32_t start = random() & mask_;
     for (uint32_t index = start; index < bucket_count_ && budget > 0; ++index) {
       Bucket& bucket = buckets_[index];
       if (bucket.IsEmpty()) {

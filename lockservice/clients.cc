@@ -2,7 +2,6 @@
 // the periodic sweep that releases clients which stopped answering.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
@@ -72,7 +71,7 @@ void LockManagerDaemon::SendProbe(ClientEntry* client) {
 
 void LockManagerDaemon::SweepClients() {
   files_.SetPurgeLimit(files_.Size() / 2);
-  files_.Purge();
+  files_.Purge(random_);
   // Each OK client is probed with chance 1/m, so about two per sweep.
   const uint32_t m = clients_.Size() / 2 + 1;
   // Releasing a client changes the table, so the walk starts over after each.
@@ -88,7 +87,7 @@ ClientEntry* LockManagerDaemon::ProbeClientsUntilOneIsDead(
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {
-      if (static_cast<uint32_t>(std::rand()) % m != 0) continue;
+      if (random_() % m != 0) continue;
       if (client->activity_tick >= sweep_tick_) continue;
       SendProbe(client);
       probed->push_back(client);

@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "daemon/event_log.h"
@@ -36,6 +38,9 @@ class LockManagerDaemon {
   // The socket that replies and the daemon's own messages are sent through;
   // the caller keeps ownership.
   void SetUdpSocket(Socket* udp) { udp_ = udp; }
+  // Where the sweep draws its random numbers (whom to probe, where the purge
+  // of idle files starts): the C library's rand unless replaced.
+  void SetRandomSource(std::function<uint32_t()> random) { random_ = std::move(random); }
   uint32_t CheckPeriod() const { return check_period_; }
 
   // Handles one datagram of `size` bytes from `sender`: decodes the request,
@@ -125,6 +130,7 @@ class LockManagerDaemon {
   ClientTable clients_;
   FileTable files_;
   WaitTable waits_;
+  std::function<uint32_t()> random_ = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t sweep_tick_ = 1;
   uint32_t last_wait_id_ = 0;    // wait ids start at 1
   uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks

@@ -22,8 +22,9 @@ namespace {
 constexpr uint32_t kSetCapacity = 16;
 constexpr long kMicrosecondsPerSecond = 1000000;
 
-}  // namespace
-
+// The time from `now` until `due`: zero once the seconds of `now` have reached
+// those of `due` (the microseconds are not compared), else the difference,
+// borrowing a second when the microseconds would go negative.
 timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   timeval timeout = {0, 0};
   if (now.seconds >= due.seconds) return timeout;
@@ -36,6 +37,8 @@ timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   return timeout;
 }
 
+}  // namespace
+
 EventLoop::EventLoop(LockManagerDaemon* daemon, Socket* udp, Socket* tcp)
     : daemon_(daemon), udp_(udp), tcp_(tcp), watched_(kSetCapacity), readable_(kSetCapacity) {}
 
@@ -45,8 +48,8 @@ int EventLoop::Run() {
     readable_.CopyFrom(watched_);  // the wait overwrites its set: copy it every pass
     const int ready = WaitForInput();
     if (ready == 0) RunSweep();
-    if (ready > 0 && readable_.IsSet(tcp_->Fd())) HandleStatusConnection();
-    if (ready > 0 && readable_.IsSet(udp_->Fd())) HandleDatagram();
+    if (ready > 0 && readable_.Test(tcp_->Fd())) HandleStatusConnection();
+    if (ready > 0 && readable_.Test(udp_->Fd())) HandleDatagram();
   }
   Leave();
   return 0;
@@ -78,7 +81,7 @@ int EventLoop::WaitForInput() {
   const timeval timeout = TimeUntil(TimeStamp::Now(), next_check_);
   const timespec wait = {timeout.tv_sec, timeout.tv_usec * 1000};
   const int ready =
-      pselect(readable_.SelectCount(), readable_.AsFdSet(), nullptr, nullptr, &wait, WaitMask());
+      pselect(SelectCount(), readable_.AsFdSet(), nullptr, nullptr, &wait, WaitMask());
   if (ready >= 0) return ready;
   const int error_number = errno;
   if (error_number != EINTR) WaitFailed(error_number, timeout);
@@ -87,10 +90,10 @@ int EventLoop::WaitForInput() {
 
 void EventLoop::WaitFailed(int error_number, const timeval& timeout) {
   TextBuilder arguments;
-  arguments << readable_.SelectCount() << ",[";
+  arguments << SelectCount() << ",[";
   const char* separator = "";
-  for (int fd = 0; fd < readable_.SelectCount(); ++fd) {
-    if (!readable_.IsSet(fd)) continue;
+  for (int fd = 0; fd < SelectCount(); ++fd) {
+    if (!readable_.Test(fd)) continue;
     arguments << separator << fd;
     separator = ",";
   }

@@ -3,7 +3,7 @@
 
 #include <sys/time.h>
 
-#include "foundation/descriptor_set.h"
+#include "foundation/bit_set.h"
 #include "foundation/socket.h"
 #include "foundation/time_stamp.h"
 
@@ -36,6 +36,8 @@ class EventLoop {
   // when none, -1 when a signal interrupted the wait. Any other failure of the
   // wait is fatal.
   int WaitForInput();
+  // The first argument of select: the bits of the working set.
+  int SelectCount() const { return static_cast<int>(readable_.WordCount() * 32); }
   // Raises the fatal "locking/socket/error"; does not return.
   void WaitFailed(int error_number, const timeval& timeout);
   void RunSweep();
@@ -48,15 +50,10 @@ class EventLoop {
   LockManagerDaemon* daemon_;
   Socket* udp_;
   Socket* tcp_;
-  DescriptorSet watched_;
-  DescriptorSet readable_;  // the working copy that each wait overwrites
+  BitSet watched_;
+  BitSet readable_;  // the working copy that each wait overwrites
   TimeStamp next_check_;
 };
-
-// The time from `now` until `due`: zero once the seconds of `now` have reached
-// those of `due` (the microseconds are not compared), else the difference,
-// borrowing a second when the microseconds would go negative.
-timeval TimeUntil(const TimeStamp& now, const TimeStamp& due);
 
 }  // namespace klv
 

@@ -97,6 +97,4 @@ void InstallFatalSignalHandler() {
   SetDisposition(SIGBUS, FatalSignalHandler);
 }
 
-const char* FatalSignalMessage() { return fatal_message; }
-
 }  // namespace klv

@@ -38,10 +38,6 @@ bool StopRequested();
 // the error log of the registered daemon and ends the process with status 99.
 void InstallFatalSignalHandler();
 
-// The message that the fatal-signal handler writes; empty before
-// InstallFatalSignalHandler.
-const char* FatalSignalMessage();
-
 }  // namespace klv
 
 #endif  // KLV_DAEMON_SIGNALS_H_

@@ -7,30 +7,18 @@
 
 namespace klv {
 
-Failure::Failure() : error_number_(errno) {}
+SysCallFailure::SysCallFailure() : error_number_(errno) {}
 
-Failure::Failure(const TextBuffer& message) : message_(message), error_number_(errno) {}
-
-void Failure::Record(int error_number, const char* call_name, const TextBuffer& arguments) {
+void SysCallFailure::Record(int error_number, const char* call_name, const TextBuffer& arguments) {
   error_number_ = error_number;
-  message_ = TextBuffer::FromLiteral(call_name);
+  name_ = TextBuffer::FromLiteral(call_name);
   arguments_ = arguments;
 }
 
-void Failure::Record(int error_number, const TextBuffer& message) {
-  error_number_ = error_number;
-  message_ = message;
-  arguments_ = TextBuffer();
-}
-
-TextBuffer SysCallFailure::Text() const { return FailureText(*this); }
-
-TextBuffer FailureText(const SysCallFailure& failure) {
+TextBuffer SysCallFailure::Text() const {
   TextBuilder text;
-  if (!failure.Message().IsEmpty() || !failure.Arguments().IsEmpty()) {
-    text << failure.Message() << "(" << failure.Arguments() << "): ";
-  }
-  text << "(" << failure.ErrorNumber() << ") " << std::strerror(failure.ErrorNumber());
+  if (!name_.IsEmpty() || !arguments_.IsEmpty()) text << name_ << "(" << arguments_ << "): ";
+  text << "(" << error_number_ << ") " << std::strerror(error_number_);
   return text.Text();
 }
 

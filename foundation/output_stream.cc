@@ -20,20 +20,6 @@ OutputStream& WriteNumber(OutputStream& out, const char* format, Number value) {
 
 }  // namespace
 
-TextBuilder::TextBuilder() : cell_(new TextBuffer()), owns_cell_(1) {}
-
-TextBuilder::TextBuilder(TextBuffer* target) : cell_(target), owns_cell_(0) {}
-
-TextBuilder::~TextBuilder() {
-  if (owns_cell_ == 1) delete cell_;
-}
-
-void TextBuilder::Clear() {
-  if (!cell_->IsEmpty()) cell_->SetLength(0);
-}
-
-void TextBuilder::Write(const TextBuffer& text) { cell_->Append(text); }
-
 FileStream::FileStream(FILE* file, int charset_id) : charset_id_(charset_id), file_(file) {}
 
 void FileStream::Flush() { std::fflush(file_); }
@@ -65,9 +51,5 @@ OutputStream& operator<<(OutputStream& out, unsigned value) {
 }
 
 OutputStream& operator<<(OutputStream& out, long value) { return WriteNumber(out, "%ld", value); }
-
-OutputStream& operator<<(OutputStream& out, unsigned long value) {
-  return WriteNumber(out, "%lu", value);
-}
 
 }  // namespace klv

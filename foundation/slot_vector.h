@@ -3,22 +3,17 @@
 
 #include <cassert>
 #include <cstdint>
-#include <type_traits>
 #include <utility>
 
 #include "foundation/bit_set.h"
 
 namespace klv {
 
-// Whether clearing a vector of pointers also deletes the elements.
-enum class ClearMode { kKeepElements, kDeleteElements };
-
 // An array of slots whose occupied slots are marked in a BitSet. Elements are
 // held inline (a pointer for the tables, a whole record for the lock lists)
 // and kept in insertion order: a removal closes the gap, so after every
 // operation the elements occupy slots 0 to Count() - 1 and End() == Count().
-// The slot array grows in steps of kStep slots and never shrinks. Every
-// append, removal and clear increments Version().
+// The slot array grows in steps of kStep slots and never shrinks.
 template <typename T>
 class SlotVector {
  public:
@@ -36,32 +31,27 @@ class SlotVector {
   // Removes the element at `slot` (which must be below Count()) and moves the
   // later ones down one place in their order.
   void RemoveAt(uint32_t slot);
-  // Reallocates the slot array to `slots` slots, keeping min(old, new) slots.
-  // Elements in slots cut off by a shrink are dropped (pointers not deleted).
-  void Resize(uint32_t slots);
-  // Empties the vector; kDeleteElements (pointer elements only) deletes every
-  // element in slot order first. The capacity is kept.
-  void Clear(ClearMode mode);
+  // Empties the vector; the capacity is kept.
+  void Clear();
 
   uint32_t Count() const { return count_; }
   bool IsEmpty() const { return count_ == 0; }
   uint32_t End() const { return end_; }
-  uint32_t Capacity() const { return capacity_; }
-  uint32_t Version() const { return version_; }
   bool IsPresent(uint32_t slot) const { return present_.Test(slot); }
-  const BitSet& Present() const { return present_; }
 
   // The element at `slot`, which must be below End().
   T& operator[](uint32_t slot);
   const T& operator[](uint32_t slot) const;
 
  private:
+  // Reallocates the slot array to `slots` slots, which must not be fewer.
+  void Resize(uint32_t slots);
+
   uint32_t capacity_ = 0;
   T* slots_ = nullptr;  // new[], released with delete[]
   BitSet present_;
   uint32_t end_ = 0;
   uint32_t count_ = 0;
-  uint32_t version_ = 0;
 };
 
 // Visits the present slots of a vector in slot order. The vector must not
@@ -78,7 +68,6 @@ class SlotVectorIterator {
 
  private:
   const SlotVector<T>* vector_;
-  uint32_t version_;  // recorded, never checked
   uint32_t visited_ = 0;
   uint32_t slot_ = 0;
 };
@@ -101,13 +90,11 @@ void SlotVector<T>::Append(const T& element) {
   present_.Set(end_);
   ++end_;
   ++count_;
-  ++version_;
 }
 
 template <typename T>
 void SlotVector<T>::RemoveAt(uint32_t slot) {
   assert(slot < count_ && end_ == count_);
-  ++version_;
   present_.Clear(slot);
   --count_;
   // Each later element moves down with its bit, so the vacated last slot
@@ -124,30 +111,21 @@ void SlotVector<T>::RemoveAt(uint32_t slot) {
 
 template <typename T>
 void SlotVector<T>::Resize(uint32_t slots) {
-  T* resized = slots > 0 ? new T[slots] : nullptr;
-  const uint32_t kept = capacity_ < slots ? capacity_ : slots;
-  for (uint32_t i = 0; i < kept; ++i) resized[i] = std::move(slots_[i]);
+  assert(slots >= capacity_);
+  T* resized = new T[slots];
+  for (uint32_t i = 0; i < capacity_; ++i) resized[i] = std::move(slots_[i]);
   delete[] slots_;
   slots_ = resized;
   capacity_ = slots;
-  if (end_ > slots) {
-    for (uint32_t i = slots; i < end_; ++i) present_.Clear(i);
-    end_ = count_ = slots;
-    ++version_;
-  }
 }
 
 template <typename T>
-void SlotVector<T>::Clear(ClearMode mode) {
+void SlotVector<T>::Clear() {
   for (uint32_t i = 0; i < end_; ++i) {
-    if constexpr (std::is_pointer_v<T>) {
-      if (mode == ClearMode::kDeleteElements) delete slots_[i];
-    }
     slots_[i] = T();
     present_.Clear(i);
   }
   end_ = count_ = 0;
-  ++version_;
 }
 
 template <typename T>
@@ -163,8 +141,7 @@ const T& SlotVector<T>::operator[](uint32_t slot) const {
 }
 
 template <typename T>
-SlotVectorIterator<T>::SlotVectorIterator(const SlotVector<T>& vector)
-    : vector_(&vector), version_(vector.Version()) {}
+SlotVectorIterator<T>::SlotVectorIterator(const SlotVector<T>& vector) : vector_(&vector) {}
 
 template <typename T>
 bool SlotVectorIterator<T>::Advance() {

@@ -37,22 +37,21 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
   if (request.WaitId() != 0) WithdrawWait(request.WaitId());
 
   uint32_t wait_id = 0;
-  const OplockDecision decision = DecideOplock(request, requester, file, &wait_id);
-  if (decision == OplockDecision::kWait) {
+  if (BreakOplocks(request, requester, file, &wait_id)) {
     reply->SetStatus(ReplyStatus::kWait);
     reply->SetValue(wait_id);
-    CheckLiveness(requester);
+    ProbeIfSilent(requester);
     return true;
   }
   if (!AgreesWithOpens(*file, candidate)) {
     reply->SetStatus(ReplyStatus::kConflict);
     return true;
   }
-  if (decision == OplockDecision::kGrantWithOplock) {
+  if (OplockGrantable(request, *file)) {
     file->oplocks.Append(
         OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, ++last_oplock_id_});
     reply->SetOplockGranted(1);
-    CheckLiveness(requester);
+    ProbeIfSilent(requester);
   }
   file->opens.Append(candidate);
   if (!request.Path().IsEmpty()) file->path = request.Path();

@@ -86,7 +86,7 @@ int SocketFailed(const char* text, const Socket& socket, int status) {
 bool BindLocal(Socket* socket, int type) {
   SocketAddress address;
   address.SetLoopback();
-  return socket->BindTo(address, type);
+  return socket->BindTo(address, type, AddressReuse::kOff, 0, Progress::kQuiet);
 }
 
 // Binds the UDP and the TCP socket and makes the TCP one listen. Answers

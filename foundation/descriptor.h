@@ -23,8 +23,11 @@ enum class TransferStatus : uint32_t {
 // the next failing call and never cleared by a success.
 class Descriptor {
  public:
-  // Holds no descriptor yet (fd -1); closes the one it gets when destroyed.
-  Descriptor() = default;
+  // Owns no descriptor yet (fd -1) and will close the one it gets.
+  Descriptor();
+  // Wraps `fd` without owning it; a negative fd makes an owning, empty one.
+  explicit Descriptor(int fd);
+  // Closes the descriptor when it owns it.
   virtual ~Descriptor();
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
@@ -40,8 +43,15 @@ class Descriptor {
   virtual TransferStatus Write(const void* buffer, size_t length, long* count);
   // Bytes waiting to be read (ioctl FIONREAD); 8192 when the call fails.
   int BytesWaiting();
+  // Passes `descriptor` over this Unix-domain socket (SCM_RIGHTS): kComplete
+  // on success, kPartial when it would block, kFailed on failure.
+  virtual TransferStatus SendFd(int descriptor);
+  // Receives a passed descriptor into `descriptor`; results as SendFd, the
+  // out argument untouched unless kComplete.
+  virtual TransferStatus RecvFd(int* descriptor);
 
   int Fd() const { return fd_; }
+  bool Owns() const { return owns_; }
   const SysCallFailure& LastFailure() const { return last_failure_; }
 
  protected:
@@ -53,8 +63,9 @@ class Descriptor {
   // caller records the failure.
   static TransferStatus StatusOf(long result, size_t length, int error, long* count);
 
+  bool owns_;
   SysCallFailure last_failure_;
-  int fd_ = -1;
+  int fd_;
 };
 
 }  // namespace klv

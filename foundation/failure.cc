@@ -7,18 +7,30 @@
 
 namespace klv {
 
-SysCallFailure::SysCallFailure() : error_number_(errno) {}
+Failure::Failure() : error_number_(errno) {}
 
-void SysCallFailure::Record(int error_number, const char* call_name, const TextBuffer& arguments) {
+Failure::Failure(const TextBuffer& message) : message_(message), error_number_(errno) {}
+
+void Failure::Record(int error_number, const char* call_name, const TextBuffer& arguments) {
   error_number_ = error_number;
-  name_ = TextBuffer::FromLiteral(call_name);
+  message_ = TextBuffer::FromLiteral(call_name);
   arguments_ = arguments;
 }
 
-TextBuffer SysCallFailure::Text() const {
+void Failure::Record(int error_number, const TextBuffer& message) {
+  error_number_ = error_number;
+  message_ = message;
+  arguments_ = TextBuffer();
+}
+
+TextBuffer SysCallFailure::Text() const { return FailureText(*this); }
+
+TextBuffer FailureText(const SysCallFailure& failure) {
   TextBuilder text;
-  if (!name_.IsEmpty() || !arguments_.IsEmpty()) text << name_ << "(" << arguments_ << "): ";
-  text << "(" << error_number_ << ") " << std::strerror(error_number_);
+  if (!failure.Message().IsEmpty() || !failure.Arguments().IsEmpty()) {
+    text << failure.Message() << "(" << failure.Arguments() << "): ";
+  }
+  text << "(" << failure.ErrorNumber() << ") " << std::strerror(failure.ErrorNumber());
   return text.Text();
 }
 

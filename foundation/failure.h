@@ -5,26 +5,42 @@
 
 namespace klv {
 
-// The failure of a traced system call: the call's name, the text of its
-// arguments and the error number.
-class SysCallFailure {
+// A failure with a message, an error number and, for a system call, the text
+// of the call's arguments.
+class Failure {
  public:
-  // Empty name and arguments; the error number is the current errno.
-  SysCallFailure();
+  // Empty message and arguments; the error number is the current errno.
+  Failure();
+  explicit Failure(const TextBuffer& message);
+  virtual ~Failure() = default;
+
+  // The stored message.
+  virtual TextBuffer Text() const { return message_; }
 
   // Stores a failed call: error number, call name, argument text. The caller
   // saves errno right after the call, before building the arguments.
   void Record(int error_number, const char* call_name, const TextBuffer& arguments);
+  void Record(int error_number, const TextBuffer& message);
 
-  // "name(arguments): " (when either is non-empty), then "(errno) " and the
-  // system's message for it.
-  TextBuffer Text() const;
+  int ErrorNumber() const { return error_number_; }
+  const TextBuffer& Message() const { return message_; }
+  const TextBuffer& Arguments() const { return arguments_; }
 
- private:
-  TextBuffer name_;
+ protected:
+  TextBuffer message_;  // for a system call, its name
   int error_number_;
   TextBuffer arguments_;
 };
+
+// The failure of a traced system call. Its text is FailureText.
+class SysCallFailure : public Failure {
+ public:
+  TextBuffer Text() const override;
+};
+
+// "name(arguments): " (when either is non-empty), then "(errno) " and the
+// system's message for it.
+TextBuffer FailureText(const SysCallFailure& failure);
 
 }  // namespace klv
 

@@ -30,7 +30,8 @@ void InstallStopHandler();
 // without the stop signals.
 const sigset_t* WaitMask();
 
-// True once a stop signal has arrived.
+// True once a stop signal has arrived; a stop signal that is pending while
+// blocked is let in and counts.
 bool StopRequested();
 
 // Forms the fatal-signal message, naming this process's id, then catches

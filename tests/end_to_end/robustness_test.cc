@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -67,6 +68,15 @@ TEST_F(Robustness, StopEndsTheDaemonDuringAFlood) {
   Flood flood(daemon_.UdpPort(), wire::BareBytes(wire::kClientEnd, {.session = 9}), 15);
   std::this_thread::sleep_for(milliseconds(500));
   EXPECT_EQ(daemon_.Stop(SIGTERM, 3000), ProcessEnd::Exited(0));
+}
+
+TEST(RobustStart, ClosedStandardErrorIsNotTakenByASocket) {
+  DaemonProcess daemon;
+  // A directory where its standard-error file should be: it starts with none.
+  std::filesystem::create_directory(daemon.StderrPath());
+  ASSERT_TRUE(daemon.Start()) << daemon.LastError();
+  const std::string fd_path = "/proc/" + std::to_string(daemon.Pid()) + "/fd/";
+  EXPECT_EQ(std::filesystem::read_symlink(fd_path + "2"), "/dev/null");
 }
 
 }  // namespace

@@ -87,6 +87,11 @@ void InstallStopHandler() {
 
 const sigset_t* WaitMask() { return &wait_mask; }
 
+void ResetStopSignals() {
+  for (const int signal_number : kStopSignals) SetDisposition(signal_number, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &wait_mask, nullptr);
+}
+
 // A wait that finds input ready returns before a pending stop signal is
 // delivered, and puts the mask back: under a steady flood the signal would
 // stay pending for as long as the flood lasts. So each check looks for one

@@ -1,16 +1,26 @@
 // The running daemon under faults and abuse: floods, stuck status readers,
 // closed standard descriptors, descriptor exhaustion, sudden death.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/daemon_process.h"
+#include "tests/support/log_records.h"
+#include "tests/support/process_tools.h"
 #include "tests/support/udp_client.h"
 #include "tests/support/wire_bytes.h"
 
@@ -47,15 +57,51 @@ class Robustness : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(daemon_.Start()) << daemon_.LastError(); }
 
-  // Puts `count` files into the file table, each with one byte-range lock.
-  void FillFileTable(uint32_t count) {
+  // Puts `count` files into the file table, each open under a path of
+  // `path_length` bytes.
+  void FillFileTable(uint32_t count, size_t path_length = 1) {
+    const std::string path(path_length, 'p');
+    const uint32_t batch = path_length > 1000 ? 1 : 100;  // what the daemon's buffer holds
     std::string reply;
-    for (uint32_t file = 0; file < count; file += 100) {
-      for (uint32_t i = file; i < file + 100; ++i) {
-        daemon_.SendDatagram(wire::LockBytes({.session = 1, .filekey_hi = i}, 0, 1, 0));
+    for (uint32_t file = 0; file < count; file += batch) {
+      for (uint32_t i = file; i < file + batch; ++i) {
+        daemon_.SendDatagram(wire::OpenBytes({.session = 1, .filekey_hi = i}, 0x40, 0, "f", path));
       }
-      for (int i = 0; i < 100; ++i) ASSERT_TRUE(daemon_.ReceiveDatagram(&reply));
+      for (uint32_t i = 0; i < batch; ++i) ASSERT_TRUE(daemon_.ReceiveDatagram(&reply));
     }
+  }
+
+  // A connection to the status port that is never read; -1 when it failed.
+  int ConnectToStatusPort() const {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int small = 4096;  // so that a report fills the connection soon
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(daemon_.TcpPort());
+    connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return fd;
+  }
+
+  // The daemon's child processes.
+  std::vector<pid_t> Children() const {
+    const std::string pid = std::to_string(daemon_.Pid());
+    std::ifstream list("/proc/" + pid + "/task/" + pid + "/children");
+    std::vector<pid_t> children;
+    for (pid_t child = 0; list >> child;) children.push_back(child);
+    return children;
+  }
+
+  // The daemon's processor time so far, in clock ticks.
+  long CpuTicks() const {
+    std::ifstream stat("/proc/" + std::to_string(daemon_.Pid()) + "/stat");
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 1; i < 14 && stat >> field; ++i) {
+    }
+    stat >> utime >> stime;
+    return utime + stime;
   }
 
   DaemonProcess daemon_;
@@ -70,6 +116,45 @@ TEST_F(Robustness, StopEndsTheDaemonDuringAFlood) {
   EXPECT_EQ(daemon_.Stop(SIGTERM, 3000), ProcessEnd::Exited(0));
 }
 
+TEST_F(Robustness, StatusChildrenTakeTheStopSignalAndEndWithTheDaemon) {
+  FillFileTable(100, 60000);
+  const int first = ConnectToStatusPort();
+  const int second = ConnectToStatusPort();
+  for (int i = 0; i < 100 && Children().size() < 2; ++i)
+    std::this_thread::sleep_for(milliseconds(20));
+  const std::vector<pid_t> children = Children();
+  ASSERT_EQ(children.size(), 2u);
+  kill(children[0], SIGTERM);
+  EXPECT_NE(process_tools::WaitForEnd(children[0], 2000), ProcessEnd::StillRunning());
+  EXPECT_EQ(daemon_.Stop(SIGTERM), ProcessEnd::Exited(0));
+  EXPECT_NE(process_tools::WaitForEnd(children[1], 2000), ProcessEnd::StillRunning());
+  close(first);
+  close(second);
+}
+
+TEST_F(Robustness, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
+  const std::string proc = "/proc/" + std::to_string(daemon_.Pid());
+  std::set<rlim_t> open;
+  for (const auto& fd : std::filesystem::directory_iterator(proc + "/fd")) {
+    open.insert(std::stoul(fd.path().filename()));
+  }
+  rlimit limit = {0, 0};  // below the lowest free descriptor: no new one may be opened
+  while (open.count(limit.rlim_cur) > 0) limit.rlim_max = ++limit.rlim_cur;
+  ASSERT_EQ(prlimit(daemon_.Pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  const OutputMark mark = daemon_.Mark();
+  const long cpu_before = CpuTicks();
+  std::vector<int> connections;
+  for (int i = 0; i < 5; ++i) connections.push_back(ConnectToStatusPort());
+  std::this_thread::sleep_for(milliseconds(1000));
+  EXPECT_LT(CpuTicks() - cpu_before, 30);  // of 100 in the second
+  EXPECT_TRUE(daemon_.StillAnswers());
+  const auto records = log_records::ParseErrorRecords(daemon_.ErrorLogText(mark));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].id, "locking/client/failure");
+  EXPECT_NE(records[0].message.find("(24) Too many open files"), std::string::npos);
+  for (const int fd : connections) close(fd);
+}
+
 TEST(RobustStart, ClosedStandardErrorIsNotTakenByASocket) {
   DaemonProcess daemon;
   // A directory where its standard-error file should be: it starts with none.
@@ -77,6 +162,26 @@ TEST(RobustStart, ClosedStandardErrorIsNotTakenByASocket) {
   ASSERT_TRUE(daemon.Start()) << daemon.LastError();
   const std::string fd_path = "/proc/" + std::to_string(daemon.Pid()) + "/fd/";
   EXPECT_EQ(std::filesystem::read_symlink(fd_path + "2"), "/dev/null");
+}
+
+TEST_F(Robustness, StuckStatusReadersLeaveServiceAndEndInTime) {
+  FillFileTable(100, 60000);  // a report larger than the connection's buffers
+  std::vector<int> connections;
+  for (int i = 0; i < 100; ++i) {
+    std::this_thread::sleep_for(milliseconds(5));  // a full backlog would drop the connect
+    connections.push_back(ConnectToStatusPort());
+    if (i % 10 == 0) close(connections.back());  // closed before the report is through
+  }
+  EXPECT_TRUE(daemon_.StillAnswers());
+  EXPECT_LE(Children().size(), 16u);
+  const auto started = Clock::now();
+  while (!Children().empty() && Clock::now() - started < std::chrono::seconds(15)) {
+    std::this_thread::sleep_for(milliseconds(100));
+  }
+  EXPECT_EQ(Children().size(), 0u);
+  for (int i = 0; i < 100; ++i) {
+    if (i % 10 != 0) close(connections[i]);
+  }
 }
 
 }  // namespace

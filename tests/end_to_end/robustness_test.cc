@@ -125,7 +125,7 @@ TEST_F(Robustness, StopEndsTheDaemonDuringAFlood) {
 TEST_F(Robustness, StuckStatusReadersLeaveServiceAndEndInTime) {
   FillFileTable(100, 60000);  // a report larger than the connection's buffers
   std::vector<int> stuck;
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < 200; ++i) {
     std::this_thread::sleep_for(milliseconds(5));  // a full backlog would drop the connect
     stuck.push_back(ConnectToStatusPort());
     if (i % 10 == 0) shutdown(stuck.back(), SHUT_RDWR);  // gone before its report ends

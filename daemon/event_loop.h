@@ -2,6 +2,9 @@
 #define KLV_DAEMON_EVENT_LOOP_H_
 
 #include <sys/time.h>
+#include <sys/types.h>
+
+#include <vector>
 
 #include "foundation/bit_set.h"
 #include "foundation/socket.h"
@@ -42,6 +45,14 @@ class EventLoop {
   void WaitFailed(int error_number, const timeval& timeout);
   void RunSweep();
   void HandleStatusConnection();
+  // Logs the first failed accept of a run, and takes the waiting connection
+  // off the queue through the reserve descriptor.
+  void AcceptFailed(const Socket& connection);
+  // True while fewer status-report children than the limit still run.
+  bool HasRoomForReportChild();
+  // In the child: writes the report to `connection` within a time limit and
+  // ends the process.
+  [[noreturn]] void WriteReportAndExit(Socket* connection, pid_t daemon_pid);
   void HandleDatagram();
   void DiscardEmptyDatagram();
   // Raises the fatal "locking/socket/readerror"; does not return.
@@ -53,6 +64,9 @@ class EventLoop {
   BitSet watched_;
   BitSet readable_;  // the working copy that each wait overwrites
   TimeStamp next_check_;
+  std::vector<pid_t> report_children_;  // status-report children that may still run
+  int reserve_fd_ = -1;                 // given up to drop a connection when out of descriptors
+  bool accept_failing_ = false;         // the last accept failed
 };
 
 }  // namespace klv

@@ -51,6 +51,11 @@ class LockManagerDaemon {
   void SweepClients();
   // Writes the status report to `out`; changes nothing.
   void WriteStatusReport(OutputStream& out);
+  // Checks that the tables hold together: keys unique and found where they
+  // belong, counts matching the lists, no two opens of a file or granted
+  // ranges in conflict, every wait's holders present and listing the wait.
+  // Returns a description of the first violation, or an empty text.
+  RefString CheckTables() const;
   // Builds the status report and writes it to `connection`, abandoning the
   // rest silently when the connection fails or closes.
   void SendStatusReport(Descriptor* connection);

@@ -1,5 +1,6 @@
 // Share-mode locks: REQ_OPEN and REQ_CLOSE.
 #include "lockservice/lock_manager_daemon.h"
+#include "lockservice/serial_ids.h"
 #include "lockservice/share_modes.h"
 
 namespace klv {
@@ -48,8 +49,14 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
     return true;
   }
   if (OplockGrantable(request, *file)) {
-    file->oplocks.Append(
-        OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, ++last_oplock_id_});
+    // Waits find their holders among the file's oplocks by id.
+    const uint32_t id = NextFreeId(&last_oplock_id_, [file](uint32_t taken) {
+      for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
+        if (file->oplocks[slot].id == taken) return true;
+      }
+      return false;
+    });
+    file->oplocks.Append(OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, id});
     reply->SetOplockGranted(1);
     ProbeIfSilent(requester);
   }

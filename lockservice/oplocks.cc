@@ -1,8 +1,10 @@
 // Opportunistic locks: the decision an open takes first, the breaks sent to
 // holders, the waits they hold up and the retry notices sent on release.
 #include <algorithm>
+#include <cassert>
 
 #include "lockservice/lock_manager_daemon.h"
+#include "lockservice/serial_ids.h"
 
 namespace klv {
 
@@ -17,12 +19,17 @@ bool LockManagerDaemon::BreakOplocks(const LockRequest& request, const ClientKey
                      holder.client.session);
     ProbeIfSilent(holder.client);
     SendAsync(holder.client.Address(), &message);
-    if (wait == nullptr) wait = new WaitEntry{++last_wait_id_, requester, file->key, {}};
+    if (wait == nullptr) {
+      const uint32_t id = NextFreeId(
+          &last_wait_id_, [this](uint32_t taken) { return waits_.Find(taken) != nullptr; });
+      wait = new WaitEntry{id, requester, file->key, {}};
+    }
     holder.waits.push_back(wait->id);
     wait->holders.push_back(holder.id);
   }
   if (wait == nullptr) return false;
-  waits_.Insert(wait);
+  [[maybe_unused]] const InsertResult inserted = waits_.Insert(wait);
+  assert(inserted == InsertResult::kInserted);  // the id was free
   *wait_id = wait->id;
   return true;
 }

@@ -20,6 +20,7 @@ class UdpClient {
   UdpClient& operator=(const UdpClient&) = delete;
 
   bool IsOpen() const { return fd_ >= 0; }
+  int Fd() const { return fd_; }  // for polling many clients at once
   uint16_t Port() const { return port_; }  // the client's own port
   uint16_t DaemonPort() const { return daemon_port_; }
 

@@ -23,19 +23,10 @@ namespace klv {
 
 // The tag of every request that a ServerProcess sends.
 constexpr uint32_t kTag = 0x7E57;
-// What a status verb returns when no reply came.
-constexpr uint32_t kNoReply = 0xFFFFFFFF;
 
 // Open-mode words: an access value ORed with a deny value.
-constexpr uint32_t kRead = 0x0;
-constexpr uint32_t kWrite = 0x1;
-constexpr uint32_t kReadWrite = 0x2;
-constexpr uint32_t kExecute = 0x3;
-constexpr uint32_t kMsdos = 0xF;
-constexpr uint32_t kDenyMsdos = 0x00;
-constexpr uint32_t kDenyReadWrite = 0x10;
-constexpr uint32_t kDenyWrite = 0x20;
-constexpr uint32_t kDenyRead = 0x30;
+constexpr uint32_t kRead = 0, kWrite = 1, kReadWrite = 2;
+constexpr uint32_t kDenyMsdos = 0, kDenyReadWrite = 0x10, kDenyWrite = 0x20, kDenyRead = 0x30;
 constexpr uint32_t kDenyNone = 0x40;
 
 // A file identity as the server processes send it.
@@ -56,47 +47,72 @@ struct OpenOptions {
 // server process does, and every wait is bounded.
 class ServerProcess {
  public:
-  ServerProcess(uint16_t daemon_port, uint32_t session, std::string name);
+  ServerProcess(uint16_t daemon_port, uint32_t session, std::string name)
+      : udp_(std::make_shared<UdpClient>(daemon_port)), session_(session), name_(name) {}
   // Another session of the same process: the same address, its own session.
-  ServerProcess AnotherSession(uint32_t session, std::string name) const;
+  ServerProcess AnotherSession(uint32_t session, std::string name) const {
+    ServerProcess other = *this;
+    other.session_ = session;
+    other.name_ = name;
+    return other;
+  }
 
   uint32_t Session() const { return session_; }
-  const std::string& Name() const { return name_; }
   uint16_t Port() const { return udp_->Port(); }
-  // The address column of the status report: "127.0.0.1:<port>".
-  std::string Address() const { return "127.0.0.1:" + std::to_string(Port()); }
   UdpClient& Udp() { return *udp_; }
 
   // A request head of this session, with code 0 and the tag kTag.
-  wire::RequestHead Head(FileKey file, uint32_t clientfid, uint32_t waitid = 0) const;
+  wire::RequestHead Head(FileKey file, uint32_t clientfid, uint32_t waitid = 0) const {
+    return {0, kTag, session_, clientfid, file.hi, file.lo, waitid};
+  }
   std::string OpenRequest(FileKey file, uint32_t clientfid, uint32_t openmode,
-                          const OpenOptions& options = {}) const;
+                          const OpenOptions& options = {}) const {
+    return wire::OpenBytes(Head(file, clientfid, options.waitid), openmode, options.oplockwanted,
+                           name_, options.path);
+  }
 
   bool Send(const std::string& request) { return udp_->Send(request); }
   // The next datagram that is not a probe; "" when none came in time.
-  std::string Next(int timeout_ms = UdpClient::kWaitMs);
+  std::string Next(int timeout_ms = UdpClient::kWaitMs) {
+    std::string datagram;
+    return udp_->ReceiveAnsweringProbes(&datagram, timeout_ms) ? datagram : "";
+  }
   // Expects that nothing but probes arrives within `timeout_ms`.
-  void ExpectNoMessage(int timeout_ms = 300);
+  void ExpectNoMessage(int timeout_ms = 200) { EXPECT_EQ(wire::Hex(Next(timeout_ms)), ""); }
   // Sends `request` and returns the next datagram that is not a probe.
   std::string Ask(const std::string& request) { return Send(request) ? Next() : ""; }
 
   // REQ_OPEN; the whole reply.
   std::string Open(FileKey file, uint32_t clientfid, uint32_t openmode,
-                   const OpenOptions& options = {});
-  // REQ_OPEN without oplock; the status of its 20-byte reply.
-  uint32_t OpenStatus(FileKey file, uint32_t clientfid, uint32_t openmode);
-  // The other requests; the status of their 16-byte reply, or kNoReply.
+                   const OpenOptions& options = {}) {
+    return Ask(OpenRequest(file, clientfid, openmode, options));
+  }
+  // The other requests, and an open without oplock: the status of the reply.
+  uint32_t OpenStatus(FileKey file, uint32_t clientfid, uint32_t openmode) {
+    return StatusOf(wire::kOpen, 20, Open(file, clientfid, openmode));
+  }
   uint32_t Lock(FileKey file, uint32_t clientfid, uint32_t offset, uint32_t length,
-                uint32_t locktype);
-  uint32_t Unlock(FileKey file, uint32_t clientfid, uint32_t offset, uint32_t length);
-  uint32_t Close(FileKey file, uint32_t clientfid);
-  uint32_t ReleaseOplock(FileKey file, uint32_t clientfid);
-  uint32_t End();
+                uint32_t locktype) {
+    return StatusOf(wire::kLock, 16,
+                    Ask(wire::LockBytes(Head(file, clientfid), offset, length, locktype)));
+  }
+  uint32_t Unlock(FileKey file, uint32_t clientfid, uint32_t offset, uint32_t length) {
+    return StatusOf(wire::kUnlock, 16,
+                    Ask(wire::UnlockBytes(Head(file, clientfid), offset, length)));
+  }
+  uint32_t Close(FileKey file, uint32_t clientfid) { return Bare(wire::kClose, file, clientfid); }
+  uint32_t ReleaseOplock(FileKey file, uint32_t clientfid) {
+    return Bare(wire::kOplockRelease, file, clientfid);
+  }
+  uint32_t End() { return Bare(wire::kClientEnd, {}, 0); }
 
  private:
-  ServerProcess(std::shared_ptr<UdpClient> udp, uint32_t session, std::string name);
-  // Checks that `reply` is the 16-byte answer to `code` and returns its status.
-  static uint32_t StatusOf(uint32_t code, const std::string& reply);
+  uint32_t Bare(uint32_t code, FileKey file, uint32_t clientfid) {
+    return StatusOf(code, 16, Ask(wire::BareBytes(code, Head(file, clientfid))));
+  }
+  // The status of `reply`, which must be the answer to `code`, `length` bytes
+  // long, with value 0 and no oplock.
+  static uint32_t StatusOf(uint32_t code, size_t length, const std::string& reply);
 
   std::shared_ptr<UdpClient> udp_;
   uint32_t session_;
@@ -119,18 +135,30 @@ std::string ClientRow(const std::string& name_field, const char* state, const st
 class LockServiceTest : public ::testing::Test {
  protected:
   LockServiceTest() : started_(daemon_.Start()) {}
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    ASSERT_TRUE(started_) << daemon_.LastError();
+    mark_ = daemon_.Mark();
+  }
+  void TearDown() override {
+    EXPECT_TRUE(daemon_.StillAnswers());
+    EXPECT_EQ(daemon_.ErrorLogText(mark_), "");
+  }
 
-  ServerProcess NewProcess(uint32_t session, const std::string& name) const;
+  ServerProcess NewProcess(uint32_t session, const std::string& name) const {
+    return ServerProcess(daemon_.UdpPort(), session, name);
+  }
   // A file identity that no earlier call returned.
-  FileKey FreshFile();
+  FileKey FreshFile() { return {0xF11E0000, ++files_made_}; }
   // The status report after its banner line, which must read: time stamp,
   // " Ostrand Kelvane Lock Daemon 2.01.905". Requests sent before are served
   // first (probe answers included), so the report sees their effect.
   std::string ReportAfterBanner();
   // The last line of the report, without its "\n".
-  std::string Totals();
+  std::string Totals() {
+    const std::string report = ReportAfterBanner();
+    return report.substr(report.rfind("\nFiles:") + 1,
+                         report.size() - report.rfind("\nFiles:") - 2);
+  }
 
   DaemonProcess daemon_;
   const bool started_;

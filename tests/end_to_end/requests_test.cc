@@ -1,7 +1,9 @@
-// Requests of every code on the running daemon, whole and cut short: the form
-// of each reply follows the code, and a probe cut short is never answered.
+// Datagrams of every code and shape on the running daemon: the form of each
+// reply follows the code, probes are answered with a probe, and datagrams cut
+// short, empty or malformed are answered or dropped without harm.
 
 #include <cstdint>
+#include <random>
 #include <string>
 
 #include "tests/end_to_end/lock_service_fixture.h"
@@ -11,77 +13,85 @@ namespace klv {
 namespace {
 
 using wire::Hex;
-using wire::kUnknown;
 using wire::WordAt;
 using wire::Words;
 
 class RequestsEndToEnd : public LockServiceTest {
  protected:
-  // A head of session 1 with `tag`; the other words 0.
-  static wire::RequestHead HeadWithTag(uint32_t tag) { return {.tag = tag, .session = 1}; }
-
   ServerProcess pc_ = NewProcess(1, "PC1");
 };
 
-TEST_F(RequestsEndToEnd, CodesThatOnlyTheDaemonSendsAreAnsweredInTheirOwnForm) {
-  // The break: 32 bytes; the retry notice: 20; the half-word reply: 18.
-  EXPECT_EQ(Hex(pc_.Ask(wire::BareBytes(8, HeadWithTag(1)))),
-            Hex(Words({8, 1, kUnknown, 0, 0, 0, 0, 0})));
-  EXPECT_EQ(Hex(pc_.Ask(wire::BareBytes(9, HeadWithTag(2)))), Hex(Words({9, 2, kUnknown, 0, 0})));
-  EXPECT_EQ(Hex(pc_.Ask(wire::BareBytes(1002, HeadWithTag(3)))),
-            Hex(Words({1002, 3, kUnknown, 0}) + std::string(2, '\0')));
+TEST_F(RequestsEndToEnd, ReplyFormFollowsTheCode) {
+  const wire::RequestHead head = {.tag = 0x44332211, .session = 1, .filekey_hi = 9};
+  const struct {
+    std::string request;
+    std::string reply;
+  } kCases[] = {
+      {wire::TextBytes(head, "some text"), Words({5, 0x44332211, 0, 0})},
+      {wire::BareBytes(5, head) + "no NUL", Words({5, 0x44332211, 0, 0})},
+      {wire::BareBytes(1001, head), Words({1001, 0x44332211, 0, 0})},
+      {wire::BareBytes(77, head), Words({77, 0x44332211, 4, 0})},
+      {wire::BareBytes(0xFFFFFFFF, head), Words({0xFFFFFFFF, 0x44332211, 4, 0})},
+      {wire::BareBytes(8, head), Words({8, 0x44332211, 4, 0, 0, 0, 0, 0})},
+      {wire::BareBytes(9, head), Words({9, 0x44332211, 4, 0, 0})},
+      {wire::BareBytes(1002, head), Words({1002, 0x44332211, 4, 0}) + std::string(2, '\0')},
+      {wire::BareBytes(4, head), Words({4, 0x44332211, 0, 0})},
+      {wire::BareBytes(6, head), Words({6, 0x44332211, 0, 0})},  // close of an unknown file
+      {wire::BareBytes(7, head), Words({7, 0x44332211, 4, 0})},  // release, unknown file
+      {wire::UnlockBytes(head, 0, 1), Words({3, 0x44332211, 2, 0})},
+      {wire::LockBytes(head, 0, 1, 0), Words({2, 0x44332211, 0, 0})},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(Hex(pc_.Ask(c.request)), Hex(c.reply));
 }
 
-TEST_F(RequestsEndToEnd, EveryOtherCodeIsAnsweredInSixteenBytes) {
-  for (const uint32_t code : {2u, 3u, 4u, 6u, 7u, 1001u, 0u, 0xFFFFFFFFu}) {
-    const std::string reply = pc_.Ask(wire::BareBytes(code, HeadWithTag(5)));
-    EXPECT_EQ(reply.size(), 16u) << "code " << code << ": " << Hex(reply);
-    EXPECT_EQ(WordAt(reply, 0), code) << "code " << code;
-    EXPECT_EQ(WordAt(reply, 4), 5u) << "code " << code;
+TEST_F(RequestsEndToEnd, ProbeIsAnsweredWithTheVersionAndAnswersAreNot) {
+  const std::string probe = wire::ProbeBytes({0, 0x55, 0x21, 0x22, 0x23, 0x24, 0}, 7, 1);
+  EXPECT_EQ(Hex(pc_.Ask(probe)), Hex(Words({1000, 0x55, 0x21, 0x22, 0x23, 0x24, 0, 201905, 0})));
+  // An answer (wantreply 0), or a probe cut short (its wantreply reads 0),
+  // gets nothing: the first thing back is the reply to the REQ_NOOP after them.
+  ASSERT_TRUE(pc_.Send(wire::ProbeBytes({.tag = 1, .session = 1}, 201905, 0)));
+  for (size_t length = 4; length < wire::kProbeSize; ++length) {
+    ASSERT_TRUE(pc_.Send(probe.substr(0, length)));
   }
+  EXPECT_EQ(Hex(pc_.Ask(wire::BareBytes(wire::kNoop, {.tag = 9}))), Hex(Words({1001, 9, 0, 0})));
+  pc_.ExpectNoMessage();
 }
 
+// A word that does not lie wholly inside the datagram reads as 0.
 TEST_F(RequestsEndToEnd, EveryTruncatedRequestIsAnswered) {
+  const wire::RequestHead head = {.tag = 7, .session = 1, .clientfid = 1, .filekey_hi = 3};
   const std::string requests[] = {
-      wire::OpenBytes({.tag = 7, .session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 2},
-                      kRead | kDenyNone, 0, "PC1", "/share/file"),
-      wire::LockBytes({.session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 3}, 10, 5, 0),
-      wire::UnlockBytes({.session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 3}, 10, 5),
-      wire::BareBytes(wire::kClientEnd, HeadWithTag(7)),
-      wire::TextBytes(HeadWithTag(7), "text"),
-      wire::BareBytes(wire::kClose,
-                      {.tag = 7, .session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 2}),
-      wire::BareBytes(wire::kOplockRelease,
-                      {.tag = 7, .session = 1, .clientfid = 1, .filekey_hi = 1, .filekey_lo = 2}),
-      wire::BareBytes(wire::kNoop, HeadWithTag(7)),
+      wire::OpenBytes(head, kRead | kDenyNone, 0, "PC1", "/share/file"),
+      wire::LockBytes(head, 10, 5, 0),
+      wire::UnlockBytes(head, 10, 5),
+      wire::TextBytes(head, "text"),
+      wire::BareBytes(wire::kClose, head),
+      wire::BareBytes(wire::kNoop, head),
   };
   for (const std::string& request : requests) {
     const uint32_t code = WordAt(request, 0);
     for (size_t length = 1; length <= request.size(); ++length) {
       const std::string reply = pc_.Ask(request.substr(0, length));
-      // A code cut short reads as 0, an unknown code.
       const uint32_t expected_code = length < 4 ? 0 : code;
-      ASSERT_EQ(reply.size(), expected_code == wire::kOpen ? 20u : 16u)
-          << "code " << code << " length " << length << ": " << Hex(reply);
+      EXPECT_EQ(reply.size(), expected_code == wire::kOpen ? 20u : 16u);
       EXPECT_EQ(WordAt(reply, 0), expected_code) << "code " << code << " length " << length;
+      EXPECT_EQ(WordAt(reply, 4), length < 8 ? 0u : 7u) << "code " << code << " length " << length;
     }
   }
-  EXPECT_EQ(Hex(pc_.Ask(wire::BareBytes(wire::kNoop, HeadWithTag(8)))),
-            Hex(Words({wire::kNoop, 8, 0, 0})));
 }
 
-TEST_F(RequestsEndToEnd, TruncatedProbeIsNeverAnsweredAsARequest) {
-  const std::string probe = wire::ProbeBytes({.tag = 7, .session = 1}, 0, 1);
-  for (size_t length = 4; length < probe.size(); ++length) {
-    ASSERT_TRUE(pc_.Send(probe.substr(0, length))) << "length " << length;
-  }
-  // Datagrams are served one at a time and in order: the first thing back
-  // must be the answer to this.
-  ASSERT_TRUE(pc_.Send(wire::BareBytes(wire::kNoop, HeadWithTag(9))));
-  std::string datagram;
-  ASSERT_TRUE(pc_.Udp().Receive(&datagram));
-  EXPECT_EQ(Hex(datagram), Hex(Words({wire::kNoop, 9, 0, 0})));
+// An empty datagram is dropped without a reply; garbage is an unknown request.
+TEST_F(RequestsEndToEnd, EmptyAndMalformedDatagramsDoNoHarm) {
+  ASSERT_TRUE(pc_.Send(""));
   pc_.ExpectNoMessage();
+  ASSERT_TRUE(pc_.Send(""));
+  std::mt19937 random(1234);
+  for (const size_t length : {8u, 28u, 100u, 1500u, 9000u}) {
+    std::string garbage(length, '\0');
+    for (char& byte : garbage) byte = static_cast<char>(random());
+    garbage.replace(0, 4, wire::Word(0xDEADBEEF));
+    EXPECT_EQ(Hex(pc_.Ask(garbage)), Hex(Words({0xDEADBEEF, WordAt(garbage, 4), 4, 0})));
+  }
 }
 
 }  // namespace

@@ -6,11 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace klv {
-
-namespace {
 
 using charset::Decode;
 using charset::Encode;
@@ -45,8 +44,7 @@ TEST(Charset, Utf8WellAndMalformed) {
       {"\xC0\x80\xC1\xBF", {0xC0, 0x80, 0xC1, 0xBF}},            // overlong
       {"\xE0\x9F\xBF\xF0\x8F\xBF\xBF", {0xE0, 0x9F, 0xBF, 0xF0, 0x8F, 0xBF, 0xBF}},
       {"\xED\xA0\x80\xF4\x90\x80\x80", {0xED, 0xA0, 0x80, 0xF4, 0x90, 0x80, 0x80}},
-      {"\xC2\x41\xE2\x82", {0xC2, 0x41, 0xE2, 0x82}},  // cut short
-      {"\xF0\x9F\x98", {0xF0, 0x9F, 0x98}},
+      {"\xC2\x41\xE2\x82\xF0\x9F\x98", {0xC2, 0x41, 0xE2, 0x82, 0xF0, 0x9F, 0x98}},  // cut short
   };
   for (const auto& [bytes, units] : kCases) EXPECT_EQ(Decode(charset::kUtf8, bytes), Units(units));
   for (int index = 0; index < 3; ++index) {
@@ -56,11 +54,7 @@ TEST(Charset, Utf8WellAndMalformed) {
 }
 
 TEST(Charset, CodePages) {
-  const struct {
-    int id;
-    std::string bytes;
-    std::u16string text;
-  } kSamples[] = {
+  const std::tuple<int, std::string, std::u16string> kSamples[] = {
       {charset::kCodePage437, "\x80\x82\xE1", u"\u00C7\u00E9\u00DF"},
       {charset::kCodePage850, "\x9B", u"\u00F8"},
       {charset::kCodePage1251, "\xC0", u"\u0410"},
@@ -68,17 +62,12 @@ TEST(Charset, CodePages) {
       {charset::kCodePage874, "\xA1", u"\u0E01"},
       {charset::kCodePage1258, "Ha", u"Ha"},  // a letter that may take an accent
       {charset::kCodePage437, std::string(5000, '\x80'), std::u16string(5000, u'\u00C7')}};
-  for (const auto& sample : kSamples) {
-    EXPECT_EQ(Decode(sample.id, sample.bytes), sample.text) << sample.id;
-    EXPECT_EQ(Encode(sample.id, sample.text), sample.bytes) << sample.id;
+  for (const auto& [id, bytes, text] : kSamples) {
+    EXPECT_EQ(Decode(id, bytes), text) << id;
+    EXPECT_EQ(Encode(id, text), bytes) << id;
   }
-  EXPECT_EQ(Decode(charset::kCodePage1252,
-                   "a\x81"
-                   "b"),
-            u"a\uFFFDb");  // no character
+  EXPECT_EQ(Decode(charset::kCodePage1252, "\x81"), u"\uFFFD");  // no character
   EXPECT_EQ(Encode(charset::kCodePage437, Units({'A', 0x20AC, 0xD83D, 0xDE00, 0xDE00})), "A???");
 }
-
-}  // namespace
 
 }  // namespace klv

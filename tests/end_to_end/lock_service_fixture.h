@@ -3,12 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <memory>
-#include <string>
 
 #include "tests/support/daemon_process.h"
-#include "tests/support/udp_client.h"
 #include "tests/support/wire_bytes.h"
 
 namespace klv {
@@ -31,14 +29,12 @@ constexpr uint32_t kDenyNone = 0x40;
 
 // A file identity as the server processes send it.
 struct FileKey {
-  uint32_t hi = 0;
-  uint32_t lo = 0;
+  uint32_t hi, lo;
 };
 
 // The optional fields of a REQ_OPEN.
 struct OpenOptions {
-  uint32_t oplockwanted = 0;
-  uint32_t waitid = 0;
+  uint32_t oplockwanted = 0, waitid = 0;
   std::string path;
 };
 
@@ -57,7 +53,6 @@ class ServerProcess {
     return other;
   }
 
-  uint32_t Session() const { return session_; }
   uint16_t Port() const { return udp_->Port(); }
   UdpClient& Udp() { return *udp_; }
 
@@ -87,32 +82,33 @@ class ServerProcess {
                    const OpenOptions& options = {}) {
     return Ask(OpenRequest(file, clientfid, openmode, options));
   }
-  // The other requests, and an open without oplock: the status of the reply.
-  uint32_t OpenStatus(FileKey file, uint32_t clientfid, uint32_t openmode) {
-    return StatusOf(wire::kOpen, 20, Open(file, clientfid, openmode));
+  // An open without oplock, and the other requests: the status of the reply.
+  uint32_t OpenStatus(FileKey file, uint32_t fid, uint32_t openmode) {
+    return StatusOf(wire::kOpen, 20, Open(file, fid, openmode));
   }
-  uint32_t Lock(FileKey file, uint32_t clientfid, uint32_t offset, uint32_t length,
-                uint32_t locktype) {
-    return StatusOf(wire::kLock, 16,
-                    Ask(wire::LockBytes(Head(file, clientfid), offset, length, locktype)));
+  uint32_t Lock(FileKey file, uint32_t fid, uint32_t offset, uint32_t length, uint32_t type) {
+    return Status(wire::LockBytes(Head(file, fid), offset, length, type));
   }
-  uint32_t Unlock(FileKey file, uint32_t clientfid, uint32_t offset, uint32_t length) {
-    return StatusOf(wire::kUnlock, 16,
-                    Ask(wire::UnlockBytes(Head(file, clientfid), offset, length)));
+  uint32_t Unlock(FileKey file, uint32_t fid, uint32_t offset, uint32_t length) {
+    return Status(wire::UnlockBytes(Head(file, fid), offset, length));
   }
-  uint32_t Close(FileKey file, uint32_t clientfid) { return Bare(wire::kClose, file, clientfid); }
-  uint32_t ReleaseOplock(FileKey file, uint32_t clientfid) {
-    return Bare(wire::kOplockRelease, file, clientfid);
+  uint32_t Close(FileKey file, uint32_t fid) { return Status(wire::BareBytes(6, Head(file, fid))); }
+  uint32_t ReleaseOplock(FileKey file, uint32_t fid) {
+    return Status(wire::BareBytes(wire::kOplockRelease, Head(file, fid)));
   }
-  uint32_t End() { return Bare(wire::kClientEnd, {}, 0); }
+  uint32_t End() { return Status(wire::BareBytes(wire::kClientEnd, Head({}, 0))); }
 
  private:
-  uint32_t Bare(uint32_t code, FileKey file, uint32_t clientfid) {
-    return StatusOf(code, 16, Ask(wire::BareBytes(code, Head(file, clientfid))));
+  uint32_t Status(const std::string& request) {
+    return StatusOf(wire::WordAt(request, 0), 16, Ask(request));
   }
   // The status of `reply`, which must be the answer to `code`, `length` bytes
   // long, with value 0 and no oplock.
-  static uint32_t StatusOf(uint32_t code, size_t length, const std::string& reply);
+  static uint32_t StatusOf(uint32_t code, size_t length, const std::string& reply) {
+    EXPECT_EQ(wire::Hex(reply.substr(0, 8) + reply.substr(std::min<size_t>(12, reply.size()))),
+              wire::Hex(wire::Words({code, kTag}) + std::string(length - 12, '\0')));
+    return wire::WordAt(reply, 8);
+  }
 
   std::shared_ptr<UdpClient> udp_;
   uint32_t session_;
@@ -125,8 +121,11 @@ constexpr char kOk[] = "  OK     ";
 constexpr char kWaiting[] = " WAIT    ";
 // One line of the client table: `name_field` is the name already cut or
 // padded to 15 characters, `state` kOk or kWaiting.
-std::string ClientRow(const std::string& name_field, const char* state, const std::string& session,
-                      const ServerProcess& process);
+inline std::string ClientRow(const std::string& name_field, const char* state,
+                             const std::string& session, const ServerProcess& process) {
+  return "  " + name_field + " " + state + session +
+         "    127.0.0.1:" + std::to_string(process.Port()) + "\n";
+}
 
 // Starts a daemon for each test and checks, after the test, that it still
 // answers and wrote no error record after mark_ (a test that expects one
@@ -152,12 +151,19 @@ class LockServiceTest : public ::testing::Test {
   // The status report after its banner line, which must read: time stamp,
   // " Ostrand Kelvane Lock Daemon 2.01.905". Requests sent before are served
   // first (probe answers included), so the report sees their effect.
-  std::string ReportAfterBanner();
+  std::string ReportAfterBanner() {
+    EXPECT_TRUE(daemon_.StillAnswers());
+    std::string report;
+    EXPECT_TRUE(daemon_.ReadStatusReport(&report));
+    const size_t line_end = std::min(report.find('\n'), report.size());
+    EXPECT_EQ(WithoutTimeStamps(report.substr(0, line_end)),
+              "<time> Ostrand Kelvane Lock Daemon 2.01.905");
+    return report.substr(line_end + (line_end < report.size()));
+  }
   // The last line of the report, without its "\n".
   std::string Totals() {
     const std::string report = ReportAfterBanner();
-    return report.substr(report.rfind("\nFiles:") + 1,
-                         report.size() - report.rfind("\nFiles:") - 2);
+    return report.substr(report.rfind("Files:"), report.size() - report.rfind("Files:") - 1);
   }
 
   DaemonProcess daemon_;

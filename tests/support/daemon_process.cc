@@ -72,11 +72,6 @@ std::string WithoutTimeStamps(const std::string& text) {
   return std::regex_replace(text, stamp, "<time>");
 }
 
-std::ostream& operator<<(std::ostream& out, const ProcessEnd& end) {
-  static const char* const kKinds[] = {"exited ", "killed by signal ", "running ", "unknown "};
-  return out << kKinds[static_cast<int>(end.kind)] << end.value;
-}
-
 ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms) {
   const std::string directory = MakeDirectory();
   const pid_t pid = Spawn(arguments, directory + "/out", directory + "/err");
@@ -144,11 +139,11 @@ OutputMark DaemonProcess::Mark() const {
 
 bool DaemonProcess::WaitForStderr(const std::string& text, const OutputMark& since,
                                   int timeout_ms) const {
-  for (int waited = 0; StderrText(since).find(text) == std::string::npos; waited += 10) {
-    if (waited >= timeout_ms) return false;
+  for (int waited = 0; waited < timeout_ms; waited += 10) {
+    if (StderrText(since).find(text) != std::string::npos) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return true;
+  return false;
 }
 
 ProcessEnd DaemonProcess::Stop(int signal_number, int timeout_ms) {

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,7 +25,7 @@ namespace klv {
 //   EXPECT_EQ(daemon.Stop(SIGTERM), ProcessEnd::Exited(0));
 //   EXPECT_EQ(WithoutTimeStamps(daemon.EventLogText(mark)), "<time>\tlocking/process/stop...");
 
-// How a process ended, printable in assertion messages.
+// How a process ended.
 struct ProcessEnd {
   enum class Kind { kExited, kSignalled, kStillRunning, kUnknown };
   Kind kind = Kind::kUnknown;
@@ -37,14 +36,12 @@ struct ProcessEnd {
   static ProcessEnd StillRunning() { return {Kind::kStillRunning, 0}; }
   bool operator==(const ProcessEnd& other) const = default;
 };
-std::ostream& operator<<(std::ostream& out, const ProcessEnd& end);
 
 // A run of the program that ends by itself: the probe form, or a start that
 // fails before the fork. Standard input is /dev/null.
 struct ProgramRun {
   ProcessEnd end;
-  std::string out;  // standard output
-  std::string err;  // standard error
+  std::string out, err;  // standard output and standard error
 };
 // Runs klvlockd with `arguments` (those after the program name) and waits up
 // to `timeout_ms` for it to end; a run that takes longer is killed.
@@ -60,9 +57,7 @@ std::string WithoutTimeStamps(const std::string& text);
 // Where the daemon's outputs stood at one moment. Take a mark before an
 // action and read only what was written after it.
 struct OutputMark {
-  size_t event_log = 0;
-  size_t error_log = 0;
-  size_t stderr_text = 0;
+  size_t event_log = 0, error_log = 0, stderr_text = 0;
 };
 
 class DaemonProcess {
@@ -135,13 +130,10 @@ class DaemonProcess {
   // wait. Does nothing when none runs.
   void Kill();
 
-  std::string directory_;
-  std::string last_error_;
-  std::string status_line_;
+  std::string directory_, last_error_, status_line_;
   pid_t pid_ = -1;
   ProcessEnd daemon_end_;  // kStillRunning while a started daemon has not been reaped
-  uint16_t udp_port_ = 0;
-  uint16_t tcp_port_ = 0;
+  uint16_t udp_port_ = 0, tcp_port_ = 0;
   std::unique_ptr<UdpClient> client_;
 };
 

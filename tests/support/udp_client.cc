@@ -6,9 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-
 #include "tests/support/wire_bytes.h"
 
 namespace klv {
@@ -45,15 +42,11 @@ bool UdpClient::Receive(std::string* datagram, int timeout_ms) {
   return received >= 0;
 }
 
+// Bounded: a daemon that did nothing but probe would end the wait after a
+// hundred probes.
 bool UdpClient::ReceiveAnsweringProbes(std::string* datagram, int timeout_ms) {
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (Receive(datagram, std::max(0, static_cast<int>((deadline - Clock::now()) /
-                                                        std::chrono::milliseconds(1))))) {
-    if (datagram->size() != wire::kProbeSize || wire::WordAt(*datagram, 0) != wire::kProbe ||
-        wire::WordAt(*datagram, 32) != 1) {
-      return true;
-    }
+  for (int probes = 0; probes < 100 && Receive(datagram, timeout_ms); ++probes) {
+    if (datagram->size() != wire::kProbeSize || wire::WordAt(*datagram, 32) != 1) return true;
     Send(datagram->substr(0, 32) + wire::Word(0));
   }
   return false;

@@ -20,7 +20,6 @@ class UdpClient {
   UdpClient& operator=(const UdpClient&) = delete;
 
   uint16_t Port() const { return port_; }  // the client's own port
-  uint16_t DaemonPort() const { return daemon_port_; }
 
   // Sends `bytes` as one datagram to the daemon; false when sendto fails.
   bool Send(const std::string& bytes);

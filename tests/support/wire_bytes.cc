@@ -33,35 +33,10 @@ std::string HeadBytes(const RequestHead& head) {
 
 std::string OpenBytes(RequestHead head, uint32_t openmode, uint32_t oplockwanted,
                       const std::string& clientname, const std::string& path) {
-  head.code = kOpen;
   std::string name = clientname.substr(0, 16);
   name.resize(16, '\0');
-  return HeadBytes(head) + Words({openmode, oplockwanted}) + name + path + std::string(1, '\0');
-}
-
-std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length, uint32_t locktype) {
-  head.code = kLock;
-  return HeadBytes(head) + Words({offset, length, locktype});
-}
-
-std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length) {
-  head.code = kUnlock;
-  return HeadBytes(head) + Words({offset, length});
-}
-
-std::string TextBytes(RequestHead head, const std::string& text) {
-  head.code = kText;
-  return HeadBytes(head) + text + std::string(1, '\0');
-}
-
-std::string BareBytes(uint32_t code, RequestHead head) {
-  head.code = code;
-  return HeadBytes(head);
-}
-
-std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply) {
-  head.code = kProbe;
-  return HeadBytes(head) + Words({version, wantreply});
+  return BareBytes(kOpen, head) + Words({openmode, oplockwanted}) + name + path +
+         std::string(1, '\0');
 }
 
 std::string Hex(const std::string& bytes) {

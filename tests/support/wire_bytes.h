@@ -45,17 +45,29 @@ std::string HeadBytes(const RequestHead& head);
 // 16, padded with NULs) and the path with its NUL.
 std::string OpenBytes(RequestHead head, uint32_t openmode, uint32_t oplockwanted,
                       const std::string& clientname, const std::string& path);
-// REQ_LOCK: head, offset, length, locktype.
-std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length, uint32_t locktype);
-// REQ_UNLOCK: head, offset, length.
-std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length);
-// REQ_TEXT: head and the text with its NUL.
-std::string TextBytes(RequestHead head, const std::string& text);
 // A head with the code of the request and nothing behind it: REQ_CLIENT_END,
 // REQ_CLOSE, REQ_OPLOCK_RELEASE, REQ_NOOP or any other code.
-std::string BareBytes(uint32_t code, RequestHead head);
+inline std::string BareBytes(uint32_t code, RequestHead head) {
+  head.code = code;
+  return HeadBytes(head);
+}
+// REQ_LOCK: head, offset, length, locktype.
+inline std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length,
+                             uint32_t locktype) {
+  return BareBytes(kLock, head) + Words({offset, length, locktype});
+}
+// REQ_UNLOCK: head, offset, length.
+inline std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length) {
+  return BareBytes(kUnlock, head) + Words({offset, length});
+}
+// REQ_TEXT: head and the text with its NUL.
+inline std::string TextBytes(RequestHead head, const std::string& text) {
+  return BareBytes(kText, head) + text + std::string(1, '\0');
+}
 // REQ_PROBE: head, version, wantreply (36 bytes).
-std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply);
+inline std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply) {
+  return BareBytes(kProbe, head) + Words({version, wantreply});
+}
 
 // Bytes as hex pairs ("05 00 00 00 "), for readable assertion messages.
 std::string Hex(const std::string& bytes);

@@ -87,30 +87,32 @@ TEST_F(RequestsEndToEnd, RowsOfEveryKindOfLock) {
   EXPECT_EQ(Hex(alpha.Open({2, 0}, 8, 0x43, {.path = "/srv/A.DAT"})),
             Hex(Words({1, kTag, 0, 0, 0})));
   EXPECT_EQ(alpha.OpenStatus({2, 0}, 9, 0xD7), kDone);  // no path: the name stays
-  // The oplock keeps its type as asked: 3.
-  EXPECT_EQ(Hex(alpha.Open({6, 4}, 1, 0x1F, {.oplockwanted = 3, .path = "/srv/\xE9"})),
+  // The oplock keeps its type as asked: 3. A new name of the same length
+  // renames the client.
+  const OpenOptions options = {.oplockwanted = 3, .path = "/srv/\xE9"};
+  EXPECT_EQ(Hex(alpha.AnotherSession(2, "ALPHA").Open({6, 4}, 1, 0x1F, options)),
             Hex(Words({1, kTag, 0, 0, 1})));
   EXPECT_EQ(alpha.Lock({6, 4}, 4, 100, 50, 1), kDone);
   EXPECT_EQ(alpha.Lock({6, 4}, 9, 0, 10, 2), kDone);
   // A client without an entry (only an open makes one) has a blank name.
   EXPECT_EQ(NewProcess(5, "stranger").Lock({6, 4}, 3, 0xFFFFFFFF, 1, 0), kDone);
   EXPECT_EQ(ReportAfterBanner(), "\n== Client information\n" + std::string(kClientHeading) +
-                                     ClientRow("alpha          ", kOk, "2", alpha) +
+                                     ClientRow("ALPHA          ", kOk, "2", alpha) +
                                      "\n== File lock information\n"
                                      "[2,0] /srv/A.DAT\n"
                                      "  Open locks: [clientfid type]\n"
-                                     "    alpha           7 OPEN_READWRITE|DENY_WRITE\n"
-                                     "    alpha           8 OPEN_EXECUTE(=READ)|DENY_NONE\n"
-                                     "    alpha           9 7(=READ)80(=DENY_NONE)\n"
+                                     "    ALPHA           7 OPEN_READWRITE|DENY_WRITE\n"
+                                     "    ALPHA           8 OPEN_EXECUTE(=READ)|DENY_NONE\n"
+                                     "    ALPHA           9 7(=READ)80(=DENY_NONE)\n"
                                      "\n"
                                      "[6,4] /srv/\xE9\n"
                                      "  Open locks: [clientfid type]\n"
-                                     "    alpha           1 OPEN_MSDOS(=READWRITE)|DENY_READWRITE\n"
+                                     "    ALPHA           1 OPEN_MSDOS(=READWRITE)|DENY_READWRITE\n"
                                      "  Op locks: [clientfid type]\n"
-                                     "    alpha           1 3\n"
+                                     "    ALPHA           1 3\n"
                                      "  Record locks: [clientfid type offset length]\n"
-                                     "    alpha           4 1 100 50\n"
-                                     "    alpha           9 0 0 10\n"
+                                     "    ALPHA           4 1 100 50\n"
+                                     "    ALPHA           9 0 0 10\n"
                                      "                    3 0 4294967295 1\n"
                                      "\n"
                                      "\nFiles: 2 Used: 2 OpenLocks: 4 RecordLocks: 3 OpLocks: 1\n");

@@ -76,13 +76,15 @@ TEST_F(ShareModesEndToEnd, HeldOpensAndCloses) {
   EXPECT_EQ(holder_.OpenStatus(file, 1, kReadWrite | kDenyNone), kDone);
   EXPECT_EQ(newcomer_.OpenStatus(file, 3, kRead | kDenyWrite), kConflict);  // RW N refuses it
   EXPECT_EQ(holder_.OpenStatus(file, 4, kWrite | kDenyRead), kConflict);    // R N refuses it
+  // Closes by another session at the same address, by the same session at
+  // another address, by the client whose open was refused, and of an unknown
+  // file (which is not added) change nothing: each is answered status 0.
   for (ServerProcess process : {holder_.AnotherSession(7, "x"), NewProcess(1, "x"), newcomer_}) {
     EXPECT_EQ(process.Close(file, 1) + process.Close(file, 3) + holder_.Close(FreshFile(), 1),
               kDone);
   }
   EXPECT_EQ(holder_.Close(file, 1), kDone);  // both opens of clientfid 1
-  EXPECT_EQ(Totals(),
-            "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");  // no unknown file added
+  EXPECT_EQ(Totals(), "Files: 1 Used: 1 OpenLocks: 1 RecordLocks: 0 OpLocks: 0");
   EXPECT_EQ(newcomer_.OpenStatus(file, 3, kRead | kDenyWrite), kDone);
 }
 

@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,8 +23,6 @@
 #include <vector>
 
 #include "tests/support/daemon_process.h"
-#include "tests/support/log_records.h"
-#include "tests/support/process_tools.h"
 #include "tests/support/udp_client.h"
 #include "tests/support/wire_bytes.h"
 
@@ -41,6 +40,20 @@ bool WaitFor(const std::function<bool()>& done, int timeout_ms) {
     std::this_thread::sleep_for(milliseconds(20));
   }
   return true;
+}
+
+// True once process `pid` has ended within `timeout_ms`. A child that outlives
+// the daemon is handed to this process, the reaper of the daemon's orphans.
+bool Ended(pid_t pid, int timeout_ms) {
+  return WaitFor([pid] { return waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0; },
+                 timeout_ms);
+}
+
+// How often `text` holds `word`.
+size_t Count(const std::string& text, const std::string& word) {
+  size_t count = 0;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++count;
+  return count;
 }
 
 // The local address, in the hex of /proc/net, of the socket in `table` whose
@@ -68,9 +81,9 @@ class Robustness : public ::testing::Test {
     std::string reply;
     for (uint32_t file = 0; file < count; file += batch) {
       for (uint32_t i = file; i < file + batch; ++i) {
-        daemon_.SendDatagram(wire::OpenBytes({.session = 1, .filekey_hi = i}, 0x40, 0, "f", path));
+        daemon_.Client().Send(wire::OpenBytes({.session = 1, .filekey_hi = i}, 0x40, 0, "f", path));
       }
-      for (uint32_t i = 0; i < batch; ++i) ASSERT_TRUE(daemon_.ReceiveDatagram(&reply));
+      for (uint32_t i = 0; i < batch; ++i) ASSERT_TRUE(daemon_.Client().Receive(&reply));
     }
   }
 
@@ -143,9 +156,9 @@ TEST_F(Robustness, StatusChildrenTakeTheStopSignalAndEndWithTheDaemon) {
   ASSERT_TRUE(WaitFor([this] { return Children().size() == 2; }, 2000));
   const std::vector<pid_t> children = Children();
   kill(children[0], SIGTERM);
-  EXPECT_NE(process_tools::WaitForEnd(children[0], 2000), ProcessEnd::StillRunning());
+  EXPECT_TRUE(Ended(children[0], 2000));
   EXPECT_EQ(daemon_.Stop(SIGTERM), ProcessEnd::Exited(0));
-  EXPECT_NE(process_tools::WaitForEnd(children[1], 2000), ProcessEnd::StillRunning());
+  EXPECT_TRUE(Ended(children[1], 2000));
   close(first);
   close(second);
 }
@@ -165,10 +178,10 @@ TEST_F(Robustness, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
   std::this_thread::sleep_for(milliseconds(1000));
   EXPECT_LT(CpuTicks() - cpu_before, 30);  // of 100 in the second
   EXPECT_TRUE(daemon_.StillAnswers());
-  const auto records = log_records::ParseErrorRecords(daemon_.ErrorLogText(mark));
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].id, "locking/client/failure");
-  EXPECT_NE(records[0].message.find("(24) Too many open files"), std::string::npos);
+  const std::string errors = daemon_.ErrorLogText(mark);
+  EXPECT_EQ(Count(errors, "\tlocking/"), 1u) << errors;
+  EXPECT_EQ(Count(errors, "\tlocking/client/failure\t"), 1u) << errors;
+  EXPECT_NE(errors.find("(24) Too many open files"), std::string::npos) << errors;
   for (const int fd : connections) close(fd);
 }
 
@@ -181,9 +194,9 @@ TEST_F(Robustness, SigkillLeavesBothLogsCompleteAndSocketsAreOnLoopbackOnly) {
   }
   EXPECT_EQ(daemon_.Stop(SIGKILL), ProcessEnd::Signalled(SIGKILL));
   const std::string errors = daemon_.ErrorLogText();
-  EXPECT_EQ(log_records::ParseErrorRecords(errors).size(), 50u);
+  EXPECT_EQ(Count(errors, "\tlocking/api/notimplemented\t"), 50u);
   EXPECT_TRUE(errors.ends_with("Check the installation is not corrupted\n"));
-  EXPECT_TRUE(process_tools::ReadFileFrom(daemon_.EventLogPath(), 0).ends_with("(2.01)\n"));
+  EXPECT_TRUE(daemon_.EventLogText().ends_with("(2.01)\n"));
 }
 
 TEST(RobustStart, ClosedStandardErrorIsNotTakenByASocket) {
@@ -209,7 +222,7 @@ TEST(RobustLogs, LogsThatCannotBeWrittenDoNotStopTheService) {
   for (uint32_t i = 0; i < 50; ++i) {
     EXPECT_TRUE(daemon.Client().Exchange(wire::LockBytes({.filekey_hi = i}, 0, 1, 4), &reply));
   }
-  EXPECT_EQ(log_records::ParseErrorRecords(daemon.StderrText()).size(), 50u);
+  EXPECT_EQ(Count(daemon.StderrText(), "\tlocking/api/notimplemented\t"), 50u);
   EXPECT_EQ(daemon.Stop(SIGTERM), ProcessEnd::Exited(0));
   umount2(logs.c_str(), MNT_DETACH);
 }

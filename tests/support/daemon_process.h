@@ -6,17 +6,12 @@
 
 #include <cstddef>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "tests/support/udp_client.h"
 
 namespace klv {
-
-namespace process_tools {
-enum class Forking;
-}
 
 // The real klvlockd binary run as a process, for end-to-end tests. Every wait
 // is bounded; a daemon that a test started is always stopped by its pid, even
@@ -28,9 +23,9 @@ enum class Forking;
 //   ASSERT_TRUE(daemon.Client().Exchange(wire::BareBytes(wire::kNoop, {.tag = 7}), &reply));
 //   const OutputMark mark = daemon.Mark();
 //   EXPECT_EQ(daemon.Stop(SIGTERM), ProcessEnd::Exited(0));
-//   EXPECT_EQ(daemon.EventLogLines(mark).size(), 1u);
+//   EXPECT_EQ(WithoutTimeStamps(daemon.EventLogText(mark)), "<time>\tlocking/process/stop...");
 
-// How a process ended, printable in assertion messages.
+// How a process ended.
 struct ProcessEnd {
   enum class Kind { kExited, kSignalled, kStillRunning, kUnknown };
   Kind kind = Kind::kUnknown;
@@ -41,25 +36,28 @@ struct ProcessEnd {
   static ProcessEnd StillRunning() { return {Kind::kStillRunning, 0}; }
   bool operator==(const ProcessEnd& other) const = default;
 };
-std::ostream& operator<<(std::ostream& out, const ProcessEnd& end);
 
 // A run of the program that ends by itself: the probe form, or a start that
 // fails before the fork. Standard input is /dev/null.
 struct ProgramRun {
   ProcessEnd end;
-  std::string out;  // standard output
-  std::string err;  // standard error
+  std::string out, err;  // standard output and standard error
 };
 // Runs klvlockd with `arguments` (those after the program name) and waits up
 // to `timeout_ms` for it to end; a run that takes longer is killed.
 ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms = 5000);
 
+// The file's bytes from `offset` on; empty when it does not exist.
+std::string ReadFileFrom(const std::string& path, size_t offset = 0);
+
+// `text` with every time stamp of the logs ("2001/05/17 14:03:07.412")
+// replaced by "<time>", so that whole records can be compared.
+std::string WithoutTimeStamps(const std::string& text);
+
 // Where the daemon's outputs stood at one moment. Take a mark before an
 // action and read only what was written after it.
 struct OutputMark {
-  size_t event_log = 0;
-  size_t error_log = 0;
-  size_t stderr_text = 0;
+  size_t event_log = 0, error_log = 0, stderr_text = 0;
 };
 
 class DaemonProcess {
@@ -71,92 +69,71 @@ class DaemonProcess {
   DaemonProcess();
   // Kills the daemon if it still runs and removes the temporary directory.
   ~DaemonProcess();
-  DaemonProcess(const DaemonProcess&) = delete;
-  DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   // Starts the daemon with a timeout argument and LogDirectory(), and returns
   // once it answers a REQ_NOOP (so its start line is written). False on any
   // failure, with the reason in LastError(). A stopped daemon may be started
   // again: it appends to the same logs and standard-error file.
   bool Start();
-  // Runs klvlockd with `arguments`, reads the status line and waits for the
-  // starting process to exit. True when the status line was parsed; the
-  // daemon may not serve yet (see WaitUntilServing). The starting process
-  // ignores SIGCHLD, so the status of a daemon that ends before it has
-  // exited is lost (WaitForExit then answers "status unknown"): use
-  // LaunchWithoutFork for a daemon that is expected to fail at once.
+  // Runs klvlockd with `arguments`, waits for the starting process to exit
+  // and reads its status line. True when the line was parsed; the daemon may
+  // not serve yet (see StillAnswers).
   bool Launch(const std::vector<std::string>& arguments);
-  // Runs klvlockd with `arguments` and makes its fork fail, so that the
-  // starting process goes on as the daemon, a child of this process, and
-  // prints no status line (ports unknown). True when the process started.
-  bool LaunchWithoutFork(const std::vector<std::string>& arguments);
-  // True once the daemon answers a REQ_NOOP within `timeout_ms`.
-  bool WaitUntilServing(int timeout_ms = kWaitMs);
   const std::string& LastError() const { return last_error_; }
 
-  // What the starting process wrote to standard output, and how it ended.
+  // What the starting process wrote to standard output.
   const std::string& StatusLine() const { return status_line_; }
-  ProcessEnd LauncherEnd() const { return launcher_end_; }
   // The values of the status line.
   uint16_t UdpPort() const { return udp_port_; }
   pid_t Pid() const { return pid_; }
   uint16_t TcpPort() const { return tcp_port_; }
 
-  const std::string& Directory() const { return directory_; }
-  // The log directory given to Start(); put files into it before the start to
-  // stand in the logs' way.
+  // The log directory given to Start(), in a temporary directory of its own;
+  // put files into it before the start to stand in the logs' way.
   std::string LogDirectory() const { return directory_ + "/logs"; }
   std::string EventLogPath() const { return LogDirectory() + "/journal.log"; }
   std::string ErrorLogPath() const { return LogDirectory() + "/errlock.log"; }
   // The daemon's standard error (and the starting process's).
   std::string StderrPath() const { return directory_ + "/stderr.txt"; }
 
-  // The fixture's own client, made on first use for the current daemon.
-  UdpClient& Client();
-  // Another client with an address of its own.
-  std::unique_ptr<UdpClient> NewClient() const;
-  // Client().Send and Client().Receive.
-  bool SendDatagram(const std::string& bytes);
-  bool ReceiveDatagram(std::string* datagram, int timeout_ms = UdpClient::kWaitMs);
-  // True when a REQ_NOOP from Client() gets its exact 16-byte reply.
-  bool StillAnswers();
+  // The fixture's own client, made for the daemon that Launch started.
+  UdpClient& Client() { return *client_; }
+  // True when a REQ_NOOP from Client() gets its exact 16-byte reply within
+  // `timeout_ms`. The daemon serves datagrams one at a time and in order, so
+  // every datagram sent before has been handled by then.
+  bool StillAnswers(int timeout_ms = kWaitMs);
 
-  // Connects to the status port and reads until the daemon closes.
+  // The status report, read over the status port until the daemon closes.
   bool ReadStatusReport(std::string* report, int timeout_ms = kWaitMs) const;
 
   OutputMark Mark() const;
-  // Whole lines of the event log written after `since`, without their "\n".
-  std::vector<std::string> EventLogLines(const OutputMark& since = {}) const;
-  std::string ErrorLogText(const OutputMark& since = {}) const;
-  std::string StderrText(const OutputMark& since = {}) const;
+  std::string EventLogText(const OutputMark& since = {}) const {
+    return ReadFileFrom(EventLogPath(), since.event_log);
+  }
+  std::string ErrorLogText(const OutputMark& since = {}) const {
+    return ReadFileFrom(ErrorLogPath(), since.error_log);
+  }
+  std::string StderrText(const OutputMark& since = {}) const {
+    return ReadFileFrom(StderrPath(), since.stderr_text);
+  }
   // True once the standard error written after `since` contains `text`.
   bool WaitForStderr(const std::string& text, const OutputMark& since,
                      int timeout_ms = kWaitMs) const;
 
-  // True while the daemon runs (a daemon that has ended is reaped here).
-  bool IsRunning();
   // Sends `signal_number` and waits up to `timeout_ms` for the daemon to end.
   ProcessEnd Stop(int signal_number = SIGTERM, int timeout_ms = kWaitMs);
   // Waits up to `timeout_ms` for the daemon to end by itself.
   ProcessEnd WaitForExit(int timeout_ms = kWaitMs);
+
+ private:
   // Ends the daemon whatever it does: SIGTERM, then SIGKILL after a bounded
   // wait. Does nothing when none runs.
   void Kill();
 
- private:
-  pid_t Spawn(const std::vector<std::string>& arguments, process_tools::Forking forking);
-  bool Fail(const std::string& reason);
-  bool ParseStatusLine();
-
-  std::string directory_;
-  std::string last_error_;
-  std::string status_line_;
-  ProcessEnd launcher_end_;
+  std::string directory_, last_error_, status_line_;
   pid_t pid_ = -1;
-  ProcessEnd daemon_end_;
-  bool ended_ = true;  // no daemon to wait for: none started, or reaped
-  uint16_t udp_port_ = 0;
-  uint16_t tcp_port_ = 0;
+  ProcessEnd daemon_end_;  // kStillRunning while a started daemon has not been reaped
+  uint16_t udp_port_ = 0, tcp_port_ = 0;
   std::unique_ptr<UdpClient> client_;
 };
 

@@ -19,10 +19,8 @@ class UdpClient {
   UdpClient(const UdpClient&) = delete;
   UdpClient& operator=(const UdpClient&) = delete;
 
-  bool IsOpen() const { return fd_ >= 0; }
   int Fd() const { return fd_; }  // for polling many clients at once
   uint16_t Port() const { return port_; }  // the client's own port
-  uint16_t DaemonPort() const { return daemon_port_; }
 
   // Sends `bytes` as one datagram to the daemon; false when sendto fails.
   bool Send(const std::string& bytes) { return SendTo(daemon_port_, bytes); }
@@ -36,18 +34,13 @@ class UdpClient {
   // 1000 with wantreply 1 gets back the same 36 bytes with wantreply 0) and
   // returns the next message that is not such a probe.
   bool ReceiveAnsweringProbes(std::string* datagram, int timeout_ms = kWaitMs);
-  // True when no datagram arrives within `timeout_ms`.
-  bool ReceivesNothing(int timeout_ms);
   // Sends `request` and receives the next datagram.
   bool Exchange(const std::string& request, std::string* reply, int timeout_ms = kWaitMs);
-  // Probes answered so far by ReceiveAnsweringProbes.
-  int ProbesAnswered() const { return probes_answered_; }
 
  private:
-  int fd_ = -1;
-  uint16_t port_ = 0;
+  int fd_;
   uint16_t daemon_port_;
-  int probes_answered_ = 0;
+  uint16_t port_ = 0;
 };
 
 }  // namespace klv

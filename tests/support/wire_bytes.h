@@ -9,35 +9,17 @@
 namespace klv {
 
 // Request bytes for tests, written word by word, low byte first, apart from
-// the daemon's own encoder, so that a fault in the encoder cannot hide in the
+// the daemon's own code, so that a fault in the daemon cannot hide in the
 // expected bytes. Every builder returns the datagram as a std::string.
 namespace wire {
 
-// Request codes.
-constexpr uint32_t kOpen = 1;
-constexpr uint32_t kLock = 2;
-constexpr uint32_t kUnlock = 3;
-constexpr uint32_t kClientEnd = 4;
-constexpr uint32_t kText = 5;
-constexpr uint32_t kClose = 6;
-constexpr uint32_t kOplockRelease = 7;
-constexpr uint32_t kOplockBreak = 8;  // sent by the daemon
-constexpr uint32_t kOpenRetry = 9;    // sent by the daemon
-constexpr uint32_t kProbe = 1000;
-constexpr uint32_t kNoop = 1001;
-
-// Reply status codes.
-constexpr uint32_t kDone = 0;
-constexpr uint32_t kConflict = 1;
-constexpr uint32_t kNotFound = 2;
-constexpr uint32_t kUnknown = 4;
-constexpr uint32_t kWait = 5;
-
-constexpr size_t kRequestHeadSize = 28;
-constexpr size_t kReplyHeadSize = 16;
+// Request codes (the daemon sends 8 and 9, the break and the retry notice,
+// and probes of its own), reply statuses, and the length of a probe.
+enum : uint32_t { kOpen = 1, kLock, kUnlock, kClientEnd, kText, kClose, kOplockRelease };
+enum : uint32_t { kOplockBreak = 8, kOpenRetry = 9 };
+enum : uint32_t { kProbe = 1000, kNoop = 1001 };
+enum : uint32_t { kDone = 0, kConflict = 1, kNotFound = 2, kUnknown = 4, kWait = 5 };
 constexpr size_t kProbeSize = 36;
-constexpr uint32_t kVersion = 201905;  // 2.01.905
-constexpr uint32_t kProbeTag = 0xBEEFCAFE;
 
 // The seven words of a request head:
 //   0 code   4 tag   8 session   12 clientfid   16 filekey_hi   20 filekey_lo   24 waitid
@@ -64,31 +46,31 @@ std::string HeadBytes(const RequestHead& head);
 // 16, padded with NULs) and the path with its NUL.
 std::string OpenBytes(RequestHead head, uint32_t openmode, uint32_t oplockwanted,
                       const std::string& clientname, const std::string& path);
-// REQ_LOCK: head, offset, length, locktype.
-std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length, uint32_t locktype);
-// REQ_UNLOCK: head, offset, length.
-std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length);
-// REQ_TEXT: head and the text with its NUL.
-std::string TextBytes(RequestHead head, const std::string& text);
 // A head with the code of the request and nothing behind it: REQ_CLIENT_END,
 // REQ_CLOSE, REQ_OPLOCK_RELEASE, REQ_NOOP or any other code.
-std::string BareBytes(uint32_t code, RequestHead head);
+inline std::string BareBytes(uint32_t code, RequestHead head) {
+  head.code = code;
+  return HeadBytes(head);
+}
+// REQ_LOCK: head, offset, length, locktype.
+inline std::string LockBytes(RequestHead head, uint32_t offset, uint32_t length,
+                             uint32_t locktype) {
+  return BareBytes(kLock, head) + Words({offset, length, locktype});
+}
+// REQ_UNLOCK: head, offset, length.
+inline std::string UnlockBytes(RequestHead head, uint32_t offset, uint32_t length) {
+  return BareBytes(kUnlock, head) + Words({offset, length});
+}
+// REQ_TEXT: head and the text with its NUL.
+inline std::string TextBytes(RequestHead head, const std::string& text) {
+  return BareBytes(kText, head) + text + std::string(1, '\0');
+}
 // REQ_PROBE: head, version, wantreply (36 bytes).
-std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply);
+inline std::string ProbeBytes(RequestHead head, uint32_t version, uint32_t wantreply) {
+  return BareBytes(kProbe, head) + Words({version, wantreply});
+}
 
-// The four words of a reply head.
-struct ReplyHead {
-  uint32_t code = 0;
-  uint32_t tag = 0;
-  uint32_t status = 0;
-  uint32_t value = 0;
-};
-// Reads the reply head; words beyond the end read as 0.
-ReplyHead ReadReplyHead(const std::string& bytes);
-
-// The bytes written as hex digit pairs, blanks ignored: FromHex("e9030000 07000000").
-std::string FromHex(const std::string& hex);
-// Bytes as hex pairs ("05 00 00 00 ..."), for readable assertion messages.
+// Bytes as hex pairs ("05 00 00 00 "), for readable assertion messages.
 std::string Hex(const std::string& bytes);
 
 }  // namespace wire

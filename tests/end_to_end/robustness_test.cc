@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -102,9 +103,7 @@ class Robustness : public ::testing::Test {
 
   std::vector<pid_t> Children() const {
     std::ifstream list(Proc() + "/task/" + std::to_string(daemon_.Pid()) + "/children");
-    std::vector<pid_t> children;
-    for (pid_t child = 0; list >> child;) children.push_back(child);
-    return children;
+    return {std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
   }
 
   // The daemon's processor time so far, in clock ticks: fields 14 and 15.
@@ -164,6 +163,9 @@ TEST_F(Robustness, StatusChildrenTakeTheStopSignalAndEndWithTheDaemon) {
 }
 
 TEST_F(Robustness, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
+#ifdef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors (a pipe)
+  GTEST_SKIP() << "a sanitized daemon cannot run out of descriptors";
+#endif
   std::set<rlim_t> open;
   for (const auto& fd : std::filesystem::directory_iterator(Proc() + "/fd")) {
     open.insert(std::stoul(fd.path().filename()));

@@ -44,6 +44,7 @@ TEST(Charset, Utf8WellAndMalformed) {
       {"\xC0\x80\xC1\xBF", {0xC0, 0x80, 0xC1, 0xBF}},            // overlong
       {"\xE0\x9F\xBF\xF0\x8F\xBF\xBF", {0xE0, 0x9F, 0xBF, 0xF0, 0x8F, 0xBF, 0xBF}},
       {"\xED\xA0\x80\xF4\x90\x80\x80", {0xED, 0xA0, 0x80, 0xF4, 0x90, 0x80, 0x80}},
+      {"\xED\xBF\xBF", {0xED, 0xBF, 0xBF}},  // the last surrogate
       {"\xC2\x41\xE2\x82\xF0\x9F\x98", {0xC2, 0x41, 0xE2, 0x82, 0xF0, 0x9F, 0x98}},  // cut short
   };
   for (const auto& [bytes, units] : kCases) EXPECT_EQ(Decode(charset::kUtf8, bytes), Units(units));

@@ -67,6 +67,10 @@ grep -qxF "lock fid=9: conflict" "$dir/strict.out" || fail "no conflict line"
 strict "lock fid=9 file=10:20 offset=20 length=1" "lock fid=9 file=1:2 offset=x length=1"
 [ $? -eq 2 ] || fail "a syntax error under --strict did not end with status 2"
 grep -qF "line 2: bad value in \"offset=x\"" "$dir/strict.out" || fail "no syntax error line"
+"$klvlockctl" --portx 1 </dev/null >/dev/null 2>&1
+[ $? -eq 2 ] || fail "an unknown option did not end with status 2"
+printf 'noop\n' | "$klvlockctl" --port 65535 --timeout 100 >/dev/null 2>&1
+[ $? -eq 3 ] || fail "port 65535 was not taken"
 kill "$_klvlockd_pid"
 for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
 printf 'noop\n' | "$klvlockctl" >"$dir/none.out" 2>&1

@@ -49,6 +49,9 @@ grep -q '^Files: 0 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0$' "$tmp/report
 status=0
 "$lockinfo" 0 2>/dev/null || status=$?
 [ "$status" -eq 10 ] || fail "lockinfo 0 exited $status, not 10"
+status=0
+"$lockinfo" 9 2>/dev/null || status=$?
+[ "$status" -eq 12 ] || fail "lockinfo 9 (nothing listens) exited $status, not 12"
 
 if [ "${3:-}" = client ]; then
   printf 'open fid=1 file=10:20 access=readwrite path=/srv/ctl\nversion\n' |

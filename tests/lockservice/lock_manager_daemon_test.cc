@@ -94,8 +94,11 @@ TEST_F(LockManagerDaemonTest, SilentClientIsProbedThenReleasedWithANotice) {
   UdpClient& pc = AddClient();
   ASSERT_EQ(Open(pc, 1, 3, "WORKSTATION-0123456", "/share/a.txt"), kGranted);  // 16 bytes arrive
   ASSERT_EQ(Open(pc, 1, 7, "WORKSTATION-0123456", "/share/b.txt"), kGranted);
-  ASSERT_EQ(Exchange(pc, wire::LockBytes({.session = 1, .filekey_hi = 3}, 0, 10, 0)),
-            Hex(Words({2, 0, 0, 0})));
+  for (const uint32_t offset : {0, 20}) {
+    ASSERT_EQ(Exchange(pc, wire::LockBytes({.session = 1, .filekey_hi = 3}, offset, 10, 0)),
+              Hex(Words({2, 0, 0, 0})));
+  }
+  EXPECT_STREQ(daemon_.CheckTables().Text(), "");
   EXPECT_EQ(Sweep(), "");
   EXPECT_EQ(Receive(pc), Hex(Words({1000, 0xBEEFCAFE, 1, 0, 0, 0, 0, 201905, 1})));
   EXPECT_NE(Report().find("  WORKSTATION-012  WAIT    1    127.0.0.1:"), std::string::npos);

@@ -17,7 +17,7 @@ constexpr size_t kChunk = 1 << 16;
 
 }  // namespace
 
-ReportRead ReadReport(uint16_t port) {
+ReportRead ReadReport(uint16_t port, std::string* text) {
   ReportRead read;
   const auto start = std::chrono::steady_clock::now();
   const int fd = ConnectLoopback(SOCK_STREAM, port);
@@ -29,6 +29,7 @@ ReportRead ReadReport(uint16_t port) {
     ssize_t count = 0;
     while ((count = recv(fd, buffer, sizeof buffer, 0)) > 0) {
       read.bytes += static_cast<uint64_t>(count);
+      if (text != nullptr) text->append(buffer, static_cast<size_t>(count));
     }
     read.ok = count == 0;
     close(fd);

@@ -17,8 +17,8 @@ struct ReportRead {
 };
 
 // Connects to the status port on 127.0.0.1, reads until the daemon closes,
-// and discards the bytes.
-ReportRead ReadReport(uint16_t port);
+// and keeps the bytes in `text` when it is given.
+ReportRead ReadReport(uint16_t port, std::string* text = nullptr);
 
 // Reads reports back to back on a thread of its own, until Stop or until
 // `limit` reports were read.

@@ -4,10 +4,10 @@
 // replaced by their numbers and the report's time stamp line dropped. Two
 // builds of the daemon that behave alike print the same text:
 //
-//   klv_replay UDP_PORT STATUS_PORT [SEED] [REQUESTS] [OFFSETS] > run.txt
+//   klv_replay UDP_PORT STATUS_PORT [SEED] [REQUESTS] [OFFSETS] [FILES] > run.txt
 //
 // Ranges start below OFFSETS (default 200); a large value leaves many ranges
-// held on each file.
+// held on each file, and so does a small number of FILES (default 12).
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -36,8 +36,8 @@ const uint32_t kModes[] = {0x00, 0x40, 0x42, 0x31, 0x20, 0x10, 0x03, 0x0F, 0x70,
 
 class Replay {
  public:
-  Replay(uint16_t port, uint16_t status_port, uint32_t seed, uint32_t offsets)
-      : status_port_(status_port), offsets_(offsets), random_(seed) {
+  Replay(uint16_t port, uint16_t status_port, uint32_t seed, uint32_t offsets, uint32_t files)
+      : status_port_(status_port), offsets_(offsets), files_(files), random_(seed) {
     for (int index = 0; index < kClients; ++index) {
       fds_.push_back(ConnectLoopback(SOCK_DGRAM, port));
       sockaddr_in address = {};
@@ -64,7 +64,7 @@ class Replay {
                               .session = 1 + Pick(2),
                               .clientfid = 1 + Pick(4),
                               .filekey_hi = Pick(2),
-                              .filekey_lo = Pick(6)};
+                              .filekey_lo = Pick((files_ + 1) / 2)};
     std::string request;
     const uint32_t kind = Pick(100);
     if (kind < 25) {
@@ -157,6 +157,7 @@ class Replay {
 
   uint16_t status_port_;
   uint32_t offsets_;
+  uint32_t files_;
   std::mt19937 random_;
   std::vector<int> fds_;
   std::vector<std::string> ports_;
@@ -177,7 +178,8 @@ int main(int argc, char** argv) {
   klv::bench::Replay replay(static_cast<uint16_t>(atoi(argv[1])),
                             static_cast<uint16_t>(atoi(argv[2])),
                             argc > 3 ? static_cast<uint32_t>(atoi(argv[3])) : 1,
-                            argc > 5 ? static_cast<uint32_t>(atoi(argv[5])) : 200);
+                            argc > 5 ? static_cast<uint32_t>(atoi(argv[5])) : 200,
+                            argc > 6 ? static_cast<uint32_t>(atoi(argv[6])) : 12);
   replay.Run(argc > 4 ? atoi(argv[4]) : 3000);
   return 0;
 }

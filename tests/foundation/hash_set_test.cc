@@ -190,7 +190,7 @@ TEST(HashSet, RemoveAmidCollisions) {
   for (Item* item : {&zero, &four, &eight}) table.Insert(item);
   EXPECT_TRUE(table.Remove(0));
   EXPECT_EQ(BucketKeys(table, 0), (Keys{4, 8}));
-  EXPECT_EQ(table.BucketAt(0).End(), 2u);
+  EXPECT_EQ(table.BucketAt(0).Count(), 2u);
   EXPECT_EQ(table.Find(4), &four);
   EXPECT_EQ(table.Find(8), &eight);
   EXPECT_EQ(table.Find(0), nullptr);
@@ -225,6 +225,8 @@ TEST(HashSet, InsertRemovePairsDoNotGrow) {
   Item resident_a(1, false), resident_b(2, false), moving(0, false);
   table.Insert(&resident_a);
   table.Insert(&resident_b);
+  const uint32_t capacity_0 = table.BucketAt(0).Capacity();
+  const uint32_t capacity_2 = table.BucketAt(2).Capacity();
   for (uint32_t round = 0; round < 10000; ++round) {
     moving.key = 100 + round;
     ASSERT_EQ(table.Insert(&moving), InsertResult::kInserted) << round;
@@ -232,8 +234,8 @@ TEST(HashSet, InsertRemovePairsDoNotGrow) {
   }
   EXPECT_EQ(table.Size(), 2u);
   EXPECT_EQ(table.BucketCount(), 4u);
-  EXPECT_EQ(table.BucketAt(0).Capacity(), 10u);
-  EXPECT_EQ(table.BucketAt(2).Capacity(), 10u);
+  EXPECT_EQ(table.BucketAt(0).Capacity(), capacity_0);
+  EXPECT_EQ(table.BucketAt(2).Capacity(), capacity_2);
   EXPECT_EQ(IteratedKeys(table), (Keys{1, 2}));
 }
 

@@ -32,11 +32,16 @@ void LockManagerDaemon::MarkAlive(const ClientKey& key) {
 }
 
 void LockManagerDaemon::EndClient(const ClientKey& key) {
+  const uint32_t holder = holders_.Find(key);
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
     FileEntry* file = it.Current();
-    RemoveMatching(&file->ranges, [&key](const RecordLock& lock) { return lock.client == key; });
+    if (holder != HolderTable::kNone) {
+      holders_.Release(holder, file->ranges.RemoveWhere([holder](const RecordLock& lock) {
+        return lock.holder == holder;
+      }));
+    }
     ReleaseOplocksWhere(file, [&key](const OpLock& oplock) { return oplock.client == key; });
-    RemoveMatching(&file->opens, [&key](const OpenLock& open) { return open.client == key; });
+    file->opens.RemoveWhere([&key](const OpenLock& open) { return open.client == key; });
   }
   // The wait table must not change while it is walked: collect, then withdraw.
   std::vector<uint32_t> own_waits;

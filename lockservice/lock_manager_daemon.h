@@ -13,6 +13,7 @@
 #include "foundation/socket.h"
 #include "lockservice/client_table.h"
 #include "lockservice/file_entry.h"
+#include "lockservice/holder_table.h"
 #include "lockservice/lock_request.h"
 #include "lockservice/wait_table.h"
 
@@ -121,6 +122,7 @@ class LockManagerDaemon {
   int timeout_;
   ClientTable clients_;
   FileTable files_;
+  HolderTable holders_;  // the clients that hold byte-range locks
   WaitTable waits_;
   uint32_t sweep_tick_ = 1;
   uint32_t last_wait_id_ = 0;    // wait ids start at 1

@@ -78,13 +78,12 @@ void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file)
     out << " " << oplock.clientfid << " " << oplock.type << "\n";
   }
   if (!file.ranges.IsEmpty()) out << "  Record locks: [clientfid type offset length]\n";
-  for (uint32_t slot = 0; slot < file.ranges.Count(); ++slot) {
-    const RecordLock& range = file.ranges[slot];
+  file.ranges.ForEach([&](const RecordLock& range) {
     out << "    ";
-    WriteNameField(out, HolderName(range.client));
-    out << " " << range.clientfid << " " << range.shared << " " << range.offset << " "
+    WriteNameField(out, HolderName(holders_.KeyOf(range.holder)));
+    out << " " << range.clientfid << " " << unsigned{range.shared} << " " << range.offset << " "
         << range.length << "\n";
-  }
+  });
   out << "\n";
 }
 

@@ -69,7 +69,7 @@ load() {
 preload() {
   local port_var="${1}_port" pid_var="${1}_pid"
   timeout 1800 taskset -c 1 "$loadgen" --port="${!port_var}" --pid="${!pid_var}" \
-    --preload="$2" --preload-files="$3" | tee -a "$out"
+    --preload="$2" --preload-files="$3" | tee -a "$out" || true
 }
 
 run_base() {
@@ -112,14 +112,14 @@ run_scale() {
 run_memory() {
   start_daemon fresh "$klvlockd" 0
   timeout 3600 taskset -c 1 "$loadgen" --port="$fresh_port" --pid="$fresh_pid" --memory \
-    --preload="$locks" --preload-files="$files" | tee -a "$out"
+    --preload="$locks" --preload-files="$files" | tee -a "$out" || true
 }
 
 run_report() {
   start_daemon loaded "$klvlockd" 0
   preload loaded "$locks" "$files"
   timeout 1800 taskset -c 1 "$loadgen" --port="$loaded_port" --status-port="$loaded_status" \
-    --report-once=3 | tee -a "$out"
+    --report-once=3 | tee -a "$out" || true
   for round in $(seq "$rounds"); do
     local common=(--clients=64 --seconds="$seconds" --workload=lock --files="$files")
     load idle loaded "${common[@]}"

@@ -112,9 +112,13 @@ class LockManagerDaemon {
 
   // status_report.cc
   void WriteClientLines(OutputStream& out);
-  void WriteFileLines(OutputStream& out, const FileEntry& file);
+  // `holder_names` gives the name of each byte-range lock's holder.
+  void WriteFileLines(OutputStream& out, const FileEntry& file,
+                      const std::vector<RefString>& holder_names);
   // The name of the client holding a lock; empty when it has no entry.
   RefString HolderName(const ClientKey& holder) const;
+  // HolderName of every number in the holder table, by number.
+  std::vector<RefString> HolderNames() const;
 
   EventLog log_;
   Socket* udp_ = nullptr;

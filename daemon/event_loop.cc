@@ -1,6 +1,8 @@
 #include "daemon/event_loop.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -21,6 +23,16 @@ namespace {
 
 constexpr uint32_t kSetCapacity = 16;
 constexpr long kMicrosecondsPerSecond = 1000000;
+constexpr int kLowestNice = 19;
+
+// A report child runs only when the daemon it was forked from leaves the
+// processor free, so that writing a long report does not slow the requests.
+void YieldToTheDaemon() {
+  const sched_param no_priority = {};
+  if (sched_setscheduler(0, SCHED_IDLE, &no_priority) != 0) {
+    setpriority(PRIO_PROCESS, 0, kLowestNice);
+  }
+}
 
 }  // namespace
 
@@ -128,6 +140,7 @@ void EventLoop::HandleStatusConnection() {
     return;
   }
   if (fork() == 0) {
+    YieldToTheDaemon();
     daemon_->SendStatusReport(&connection);
     exit(0);
   }

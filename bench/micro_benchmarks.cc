@@ -75,7 +75,7 @@ void EncodeReply(benchmark::State& state) {
   for (auto _ : state) {
     LockReply reply(REQ_LOCK, 12345);
     reply.SetStatus(ReplyStatus::kConflict);
-    benchmark::DoNotOptimize(reply.Bytes().Text());
+    benchmark::DoNotOptimize(reply.Bytes().data());
   }
 }
 

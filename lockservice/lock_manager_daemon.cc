@@ -89,11 +89,11 @@ void LockManagerDaemon::SendAsync(const SocketAddress& to, LockReply* message) {
   SendDatagram(to, message->Bytes(), Writer::kAsynchronous);
 }
 
-void LockManagerDaemon::SendDatagram(const SocketAddress& to, const RefString& bytes,
+void LockManagerDaemon::SendDatagram(const SocketAddress& to, std::string_view bytes,
                                      Writer writer) {
   assert(udp_ != nullptr);
   long count = 0;
-  const TransferStatus status = udp_->SendTo(bytes.Text(), bytes.Length(), &count, to);
+  const TransferStatus status = udp_->SendTo(bytes.data(), bytes.size(), &count, to);
   const bool synchronous = writer == Writer::kSynchronous;
   if (status == TransferStatus::kEndOfFile) {
     TextBuilder message;

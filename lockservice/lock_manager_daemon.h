@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string_view>
 #include <vector>
 
 #include "daemon/event_log.h"
@@ -62,7 +63,7 @@ class LockManagerDaemon {
   void SendReply(const SocketAddress& to, LockReply* reply);
   void SendReply(const SocketAddress& to, LockRequest* message);
   void SendAsync(const SocketAddress& to, LockReply* message);
-  void SendDatagram(const SocketAddress& to, const RefString& bytes, Writer writer);
+  void SendDatagram(const SocketAddress& to, std::string_view bytes, Writer writer);
 
   // Handlers: each fills the reply and answers whether it is due.
   bool HandleOpen(const SocketAddress& sender, const LockRequest& request, LockReply* reply);

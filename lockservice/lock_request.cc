@@ -66,16 +66,31 @@ class WireReader {
   size_t position_ = 0;
 };
 
-void PutWord(std::string* buffer, size_t offset, uint32_t word) {
-  for (int i = 0; i < 4; ++i) (*buffer)[offset + i] = static_cast<char>(word >> (8 * i));
+void PutWord(char* buffer, size_t offset, uint32_t word) {
+  for (int i = 0; i < 4; ++i) buffer[offset + i] = static_cast<char>(word >> (8 * i));
 }
 
-void PutBytes(std::string* buffer, size_t offset, const RefString& bytes, size_t limit) {
+void PutBytes(char* buffer, size_t offset, const RefString& bytes, size_t limit) {
   const size_t count = bytes.Length() < limit ? bytes.Length() : limit;
-  memcpy(buffer->data() + offset, bytes.Text(), count);
+  memcpy(buffer + offset, bytes.Text(), count);
 }
 
 }  // namespace
+
+char* DatagramBytes::Reset(size_t size) {
+  size_ = size;
+  if (size <= kInline) {
+    memset(inline_, 0, size);
+    return inline_;
+  }
+  heap_.assign(size, '\0');
+  return heap_.data();
+}
+
+void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
+  char* target = Reset(size);
+  if (size > 0) memcpy(target, bytes, size);
+}
 
 bool LockRequest::Decode(const unsigned char* data, size_t size) {
   WireReader reader(data, size);
@@ -113,15 +128,14 @@ bool LockRequest::Decode(const unsigned char* data, size_t size) {
     default:
       break;
   }
-  bytes_ = size == 0 ? RefString()
-                     : RefString(reinterpret_cast<const char*>(data), static_cast<uint32_t>(size));
+  bytes_.Assign(data, size);
   needs_encoding_ = false;
   return valid;
 }
 
-const RefString& LockRequest::Bytes() {
+std::string_view LockRequest::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_;
+  return bytes_.View();
 }
 
 void LockRequest::SetFileKey(uint32_t hi, uint32_t lo) {
@@ -155,25 +169,24 @@ void LockRequest::Encode() {
   if (code_ == REQ_LOCK) size += 12;
   if (code_ == REQ_UNLOCK || code_ == REQ_PROBE) size += 8;
   if (code_ == REQ_TEXT) size += text_.Length() + 1;
-  std::string buffer(size, '\0');
+  char* buffer = bytes_.Reset(size);
   const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
-  for (size_t i = 0; i < 7; ++i) PutWord(&buffer, 4 * i, head[i]);
+  for (size_t i = 0; i < 7; ++i) PutWord(buffer, 4 * i, head[i]);
   if (code_ == REQ_OPEN) {
-    PutWord(&buffer, 28, openmode_);
-    PutWord(&buffer, 32, oplockwanted_);
-    PutBytes(&buffer, 36, clientname_, kClientNameSize - 1);
-    PutBytes(&buffer, 52, path_, path_.Length());
+    PutWord(buffer, 28, openmode_);
+    PutWord(buffer, 32, oplockwanted_);
+    PutBytes(buffer, 36, clientname_, kClientNameSize - 1);
+    PutBytes(buffer, 52, path_, path_.Length());
   } else if (code_ == REQ_LOCK || code_ == REQ_UNLOCK) {
-    PutWord(&buffer, 28, offset_);
-    PutWord(&buffer, 32, length_);
-    if (code_ == REQ_LOCK) PutWord(&buffer, 36, locktype_);
+    PutWord(buffer, 28, offset_);
+    PutWord(buffer, 32, length_);
+    if (code_ == REQ_LOCK) PutWord(buffer, 36, locktype_);
   } else if (code_ == REQ_TEXT) {
-    PutBytes(&buffer, 28, text_, text_.Length());
+    PutBytes(buffer, 28, text_, text_.Length());
   } else if (code_ == REQ_PROBE) {
-    PutWord(&buffer, 28, version_);
-    PutWord(&buffer, 32, wantreply_);
+    PutWord(buffer, 28, version_);
+    PutWord(buffer, 32, wantreply_);
   }
-  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
   needs_encoding_ = false;
 }
 
@@ -184,7 +197,7 @@ void LockRequest::Encode() {
 //                       28 holder's session
 //   MSG_OPEN_RETRY      16 the waiter's session
 //   REPLY_HALFWORD      16 one 16-bit word
-// The buffer starts zeroed, so bytes no field covers are 0.
+// The bytes start zeroed, so bytes no field covers are 0.
 size_t LockReply::LengthFor(uint32_t code) {
   switch (code) {
     case REQ_OPEN:
@@ -199,9 +212,9 @@ size_t LockReply::LengthFor(uint32_t code) {
   }
 }
 
-const RefString& LockReply::Bytes() {
+std::string_view LockReply::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_;
+  return bytes_.View();
 }
 
 void LockReply::SetStatus(ReplyStatus status) {
@@ -234,20 +247,19 @@ void LockReply::SetBodyWord(int index, uint32_t word) {
 
 void LockReply::Encode() {
   const size_t length = LengthFor(code_);
-  std::string buffer(length, '\0');
-  PutWord(&buffer, 0, code_);
-  PutWord(&buffer, 4, tag_);
-  PutWord(&buffer, 8, static_cast<uint32_t>(status_));
-  PutWord(&buffer, 12, value_);
+  char* buffer = bytes_.Reset(length);
+  PutWord(buffer, 0, code_);
+  PutWord(buffer, 4, tag_);
+  PutWord(buffer, 8, static_cast<uint32_t>(status_));
+  PutWord(buffer, 12, value_);
   if (code_ == REPLY_HALFWORD) {
     buffer[16] = static_cast<char>(half_word_ & 0xFF);
     buffer[17] = static_cast<char>(half_word_ >> 8);
   } else {
     for (size_t offset = kReplyHeadSize; offset < length; offset += 4) {
-      PutWord(&buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
+      PutWord(buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
     }
   }
-  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
   needs_encoding_ = false;
 }
 

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "foundation/ref_string.h"
 
@@ -46,10 +48,27 @@ constexpr size_t kReplyHeadSize = 16;
 // The client name field of REQ_OPEN always occupies this many bytes.
 constexpr size_t kClientNameSize = 16;
 
+// The bytes of one datagram. Short ones (every reply, and every request but
+// an open or a text) are held inline, so that handling them allocates nothing.
+class DatagramBytes {
+ public:
+  // Room for `size` bytes, all zero, to be filled in.
+  char* Reset(size_t size);
+  void Assign(const unsigned char* bytes, size_t size);
+  std::string_view View() const { return {size_ <= kInline ? inline_ : heap_.data(), size_}; }
+
+ private:
+  static constexpr size_t kInline = 48;
+
+  char inline_[kInline];
+  std::string heap_;
+  size_t size_ = 0;
+};
+
 // One request datagram: a head of seven words and a body that depends on the
 // code. The fields are read through the getters; every setter marks the
 // record for re-encoding, and Bytes() rebuilds the bytes from the fields when
-// marked. Copies share their bytes.
+// marked.
 class LockRequest {
  public:
   LockRequest() = default;
@@ -60,7 +79,8 @@ class LockRequest {
   bool Decode(const unsigned char* data, size_t size);
   // The datagram: the decoded bytes, or the fields encoded afresh after a
   // change. The daemon encodes a name as at most 15 bytes, a NUL and zeros.
-  const RefString& Bytes();
+  // The view lasts until the record changes or goes.
+  std::string_view Bytes();
 
   uint32_t Code() const { return code_; }
   uint32_t Tag() const { return tag_; }
@@ -121,7 +141,7 @@ class LockRequest {
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
-  RefString bytes_;
+  DatagramBytes bytes_;
 };
 
 // One reply datagram, or one of the daemon's own messages: a head of four
@@ -134,8 +154,9 @@ class LockReply {
   // The datagram length for `code`: 20 for REQ_OPEN and MSG_OPEN_RETRY, 32
   // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD, 16 for every other code.
   static size_t LengthFor(uint32_t code);
-  // The datagram, rebuilt from the fields when one changed since the last call.
-  const RefString& Bytes();
+  // The datagram, rebuilt from the fields when one changed since the last
+  // call. The view lasts until the record changes or goes.
+  std::string_view Bytes();
 
   uint32_t Code() const { return code_; }
   uint32_t Tag() const { return tag_; }
@@ -166,7 +187,7 @@ class LockReply {
   uint32_t body_[kBodyWords] = {};
   uint16_t half_word_ = 0;
   bool needs_encoding_ = true;
-  RefString bytes_;
+  DatagramBytes bytes_;
 };
 
 }  // namespace klv

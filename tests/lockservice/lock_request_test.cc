@@ -21,6 +21,7 @@ LockRequest Decoded(const std::string& datagram, bool* valid = nullptr) {
 }
 
 std::string Text(const RefString& bytes) { return std::string(bytes.Text(), bytes.Length()); }
+std::string Text(std::string_view bytes) { return std::string(bytes); }
 
 TEST(LockRequest, DecodesTheHeadAndTheOpenBody) {
   const std::string datagram = Words({1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x42, 1}) +
@@ -130,7 +131,7 @@ TEST(LockReply, LengthFollowsTheCode) {
               {8, 32}, {9, 20}, {1000, 16}, {1001, 16}, {1002, 18}, {77, 16}, {0, 16}};
   for (const auto& row : rows) {
     LockReply reply(row.code, 0);
-    EXPECT_EQ(reply.Bytes().Length(), row.length) << "code " << row.code;
+    EXPECT_EQ(reply.Bytes().size(), row.length) << "code " << row.code;
     EXPECT_EQ(LockReply::LengthFor(row.code), row.length) << "code " << row.code;
   }
 }

@@ -1,6 +1,7 @@
 #include "daemon/event_loop.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -24,6 +25,8 @@ namespace {
 constexpr uint32_t kSetCapacity = 16;
 constexpr long kMicrosecondsPerSecond = 1000000;
 constexpr int kLowestNice = 19;
+// How long no input must come before freed memory is handed back.
+constexpr long kQuietNanoseconds = 50'000'000;
 
 // A report child runs only when the daemon it was forked from leaves the
 // processor free, so that writing a long report does not slow the requests.
@@ -59,6 +62,7 @@ int EventLoop::Run() {
     if (ready == 0) RunSweep();
     if (ready > 0 && readable_.IsSet(tcp_->Fd())) HandleStatusConnection();
     if (ready > 0 && readable_.IsSet(udp_->Fd())) HandleDatagram();
+    ReturnMemoryWhenQuiet();
   }
   Leave();
   return 0;
@@ -174,6 +178,15 @@ void EventLoop::HandleDatagram() {
   }
   if (length != 0) daemon_->Dispatch(sender, buffer, length);
   free(buffer);
+}
+
+// The wait lets the stop signals in, as the main wait does; any input or
+// signal puts the return off to a later pass.
+void EventLoop::ReturnMemoryWhenQuiet() {
+  if (!daemon_->HasMemoryToReturn()) return;
+  pollfd input[] = {{udp_->Fd(), POLLIN, 0}, {tcp_->Fd(), POLLIN, 0}};
+  const timespec quiet = {0, kQuietNanoseconds};
+  if (ppoll(input, 2, &quiet, WaitMask()) == 0) daemon_->ReturnMemory();
 }
 
 // A readable socket with no bytes pending holds a datagram of length zero.

@@ -41,6 +41,9 @@ class EventLoop {
   void RunSweep();
   void HandleStatusConnection();
   void HandleDatagram();
+  // Lets the daemon hand freed memory back once no input has come for a
+  // moment after a large release.
+  void ReturnMemoryWhenQuiet();
   void DiscardEmptyDatagram();
   // Raises the fatal "locking/socket/readerror"; does not return.
   void ReadFailed();

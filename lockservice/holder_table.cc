@@ -19,6 +19,7 @@ size_t HolderTable::KeyHash::operator()(const ClientKey& key) const {
 }
 
 uint32_t HolderTable::Acquire(const ClientKey& key) {
+  if (++held_ > peak_) peak_ = held_;
   const auto [found, added] = ids_.try_emplace(key, kNone);
   if (!added) {
     Holder& holder = holders_[found->second];
@@ -43,6 +44,7 @@ void HolderTable::Release(uint32_t id, uint32_t count) {
   Holder& holder = holders_[id];
   assert(holder.locks >= count);
   holder.locks -= count;
+  held_ -= count;
   if (holder.locks > 0) return;
   ++idle_;
   if (idle_ >= kIdleLimit && idle_ > ids_.size() - idle_) DropIdle();

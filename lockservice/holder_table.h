@@ -33,6 +33,10 @@ class HolderTable {
   const ClientKey& KeyOf(uint32_t id) const { return holders_[id].key; }
   // One past the largest number given so far.
   uint32_t End() const { return static_cast<uint32_t>(holders_.size()); }
+  // Locks counted now, and at most since the last ResetPeak.
+  uint64_t Held() const { return held_; }
+  uint64_t Peak() const { return peak_; }
+  void ResetPeak() { peak_ = held_; }
 
  private:
   struct Holder {
@@ -52,6 +56,8 @@ class HolderTable {
   // Keys that hold no lock keep their number for a while, so that a client
   // taking and releasing one lock at a time does not renumber on every lock.
   uint32_t idle_ = 0;
+  uint64_t held_ = 0;
+  uint64_t peak_ = 0;
 };
 
 }  // namespace klv

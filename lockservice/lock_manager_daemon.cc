@@ -1,5 +1,7 @@
 #include "lockservice/lock_manager_daemon.h"
 
+#include <malloc.h>
+
 #include <cassert>
 
 namespace klv {
@@ -8,6 +10,8 @@ namespace {
 
 // Every table starts with 4 buckets; only the sweep sets a purge limit.
 constexpr uint32_t kInitialBuckets = 4;
+// Releases of fewer byte-range locks than this leave the heap as it is.
+constexpr uint64_t kLocksWorthReturning = 65536;
 
 }  // namespace
 
@@ -75,6 +79,15 @@ bool LockManagerDaemon::HandleProbe(const SocketAddress& sender, const LockReque
   answer.SetWantReply(0);
   SendReply(sender, &answer);
   return false;
+}
+
+bool LockManagerDaemon::HasMemoryToReturn() const {
+  return holders_.Peak() - holders_.Held() >= kLocksWorthReturning;
+}
+
+void LockManagerDaemon::ReturnMemory() {
+  malloc_trim(0);
+  holders_.ResetPeak();
 }
 
 void LockManagerDaemon::SendReply(const SocketAddress& to, LockReply* reply) {

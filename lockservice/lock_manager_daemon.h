@@ -51,6 +51,12 @@ class LockManagerDaemon {
   // Builds the status report and writes it to `connection`, abandoning the
   // rest silently when the connection fails or closes.
   void SendStatusReport(Descriptor* connection);
+  // True when many byte-range locks were released since the last
+  // ReturnMemory, whose memory the process may still keep.
+  bool HasMemoryToReturn() const;
+  // Hands the free memory of the heap back to the system. Takes a while on a
+  // large heap: best called when no request is waiting.
+  void ReturnMemory();
 
  private:
   // Which reply writer sends a datagram; it decides the failure events.

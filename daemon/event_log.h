@@ -46,7 +46,6 @@ class EventLog {
 
   // The descriptor of the error log, -1 while it is closed.
   int ErrorLogFd() const;
-  const RefString& Directory() const { return directory_; }
 
  private:
   void WriteErrorRecord(FILE* file, const char* id, const TextBuilder& message);

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -23,6 +25,10 @@ namespace klv {
 namespace {
 
 constexpr uint32_t kSetCapacity = 16;
+// Status-report children at once.
+constexpr size_t kMaxReportChildren = 16;
+// Seconds that a status-report child has to build and write its report.
+constexpr unsigned kReportSeconds = 10;
 constexpr long kMicrosecondsPerSecond = 1000000;
 constexpr int kLowestNice = 19;
 // How long no input must come before freed memory is handed back.
@@ -37,8 +43,9 @@ void YieldToTheDaemon() {
   }
 }
 
-}  // namespace
-
+// The time from `now` until `due`: zero once the seconds of `now` have reached
+// those of `due` (the microseconds are not compared), else the difference,
+// borrowing a second when the microseconds would go negative.
 timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   timeval timeout = {0, 0};
   if (now.seconds >= due.seconds) return timeout;
@@ -51,6 +58,8 @@ timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
   return timeout;
 }
 
+}  // namespace
+
 EventLoop::EventLoop(LockManagerDaemon* daemon, Socket* udp, Socket* tcp)
     : daemon_(daemon), udp_(udp), tcp_(tcp), watched_(kSetCapacity), readable_(kSetCapacity) {}
 
@@ -60,8 +69,8 @@ int EventLoop::Run() {
     readable_.CopyFrom(watched_);  // the wait overwrites its set: copy it every pass
     const int ready = WaitForInput();
     if (ready == 0) RunSweep();
-    if (ready > 0 && readable_.IsSet(tcp_->Fd())) HandleStatusConnection();
-    if (ready > 0 && readable_.IsSet(udp_->Fd())) HandleDatagram();
+    if (ready > 0 && readable_.Test(tcp_->Fd())) HandleStatusConnection();
+    if (ready > 0 && readable_.Test(udp_->Fd())) HandleDatagram();
     ReturnMemoryWhenQuiet();
   }
   Leave();
@@ -77,6 +86,7 @@ void EventLoop::Enter() {
   daemon_->Log().OpenLogs();
   InstallStopHandler();
   InstallFatalSignalHandler();
+  reserve_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
   watched_.Set(udp_->Fd());
   watched_.Set(tcp_->Fd());
   next_check_ = TimeStamp::Now();
@@ -86,6 +96,7 @@ void EventLoop::Enter() {
 void EventLoop::Leave() {
   daemon_->Log().Event(RefString("locking/process/stop"), RefString(EventLog::kBanner));
   daemon_->Log().CloseLogs();
+  if (reserve_fd_ >= 0) close(reserve_fd_);
 }
 
 // The stop signals are unblocked only inside pselect, so one that arrived
@@ -94,7 +105,7 @@ int EventLoop::WaitForInput() {
   const timeval timeout = TimeUntil(TimeStamp::Now(), next_check_);
   const timespec wait = {timeout.tv_sec, timeout.tv_usec * 1000};
   const int ready =
-      pselect(readable_.SelectCount(), readable_.AsFdSet(), nullptr, nullptr, &wait, WaitMask());
+      pselect(SelectCount(), readable_.AsFdSet(), nullptr, nullptr, &wait, WaitMask());
   if (ready >= 0) return ready;
   const int error_number = errno;
   if (error_number != EINTR) WaitFailed(error_number, timeout);
@@ -103,10 +114,10 @@ int EventLoop::WaitForInput() {
 
 void EventLoop::WaitFailed(int error_number, const timeval& timeout) {
   TextBuilder arguments;
-  arguments << readable_.SelectCount() << ",[";
+  arguments << SelectCount() << ",[";
   const char* separator = "";
-  for (int fd = 0; fd < readable_.SelectCount(); ++fd) {
-    if (!readable_.IsSet(fd)) continue;
+  for (int fd = 0; fd < SelectCount(); ++fd) {
+    if (!readable_.Test(fd)) continue;
     arguments << separator << fd;
     separator = ",";
   }
@@ -135,19 +146,61 @@ void EventLoop::RunSweep() {
 void EventLoop::HandleStatusConnection() {
   Socket connection;
   if (!connection.Accept(tcp_->Fd())) {
+    AcceptFailed(connection);
+    return;
+  }
+  accept_failing_ = false;
+  // Past the limit the connection is closed unanswered, as after a failed fork.
+  if (!HasRoomForReportChild()) return;
+  const pid_t daemon_pid = getpid();
+  const pid_t child = fork();
+  if (child == 0) WriteReportAndExit(&connection, daemon_pid);
+  if (child > 0) report_children_.push_back(child);
+}
+
+// Out of descriptors, the waiting connection would make every wait return at
+// once and every pass write a record: the reserve descriptor is given up to
+// take the connection off the queue and close it, and only the first failure
+// of a run is logged.
+void EventLoop::AcceptFailed(const Socket& connection) {
+  if (!accept_failing_) {
     TextBuilder message;
     message << "Failed to accept connection from lockinfo process: "
             << connection.LastFailure().Text()
             << "\nThe client program will not have displayed the correct information.\n"
                "Try running the client again.";
     daemon_->Log().Error("locking/client/failure", message, Severity::kRecoverable);
-    return;
   }
-  if (fork() == 0) {
-    YieldToTheDaemon();
-    daemon_->SendStatusReport(&connection);
-    exit(0);
-  }
+  accept_failing_ = true;
+  if (reserve_fd_ < 0) return;
+  close(reserve_fd_);
+  const int dropped = accept(tcp_->Fd(), nullptr, nullptr);
+  if (dropped >= 0) close(dropped);
+  reserve_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+// An ended child is reaped by the system at once, so kill(pid, 0) fails for
+// it. A reused pid only keeps a place taken until that process ends.
+bool EventLoop::HasRoomForReportChild() {
+  std::erase_if(report_children_, [](pid_t child) { return kill(child, 0) != 0; });
+  return report_children_.size() < kMaxReportChildren;
+}
+
+// A reader that never reads would block the child for ever: the alarm ends
+// it, and so does the end of the daemon. It gives up the daemon's sockets, and
+// takes the stop signals as any process does; a fault in it still writes the
+// fatal-signal message.
+void EventLoop::WriteReportAndExit(Socket* connection, pid_t daemon_pid) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != daemon_pid) _exit(0);  // the daemon ended before the line above
+  alarm(kReportSeconds);
+  ResetStopSignals();
+  udp_->Close();
+  tcp_->Close();
+  close(reserve_fd_);
+  YieldToTheDaemon();
+  daemon_->SendStatusReport(connection);
+  exit(0);
 }
 
 // One datagram is one request. The socket is asked for the size of the next

@@ -2,8 +2,11 @@
 #define KLV_DAEMON_EVENT_LOOP_H_
 
 #include <sys/time.h>
+#include <sys/types.h>
 
-#include "foundation/descriptor_set.h"
+#include <vector>
+
+#include "foundation/bit_set.h"
 #include "foundation/socket.h"
 #include "foundation/time_stamp.h"
 
@@ -36,10 +39,20 @@ class EventLoop {
   // when none, -1 when a signal interrupted the wait. Any other failure of the
   // wait is fatal.
   int WaitForInput();
+  // The first argument of select: the bits of the working set.
+  int SelectCount() const { return static_cast<int>(readable_.WordCount() * 32); }
   // Raises the fatal "locking/socket/error"; does not return.
   void WaitFailed(int error_number, const timeval& timeout);
   void RunSweep();
   void HandleStatusConnection();
+  // Logs the first failed accept of a run, and takes the waiting connection
+  // off the queue through the reserve descriptor.
+  void AcceptFailed(const Socket& connection);
+  // True while fewer status-report children than the limit still run.
+  bool HasRoomForReportChild();
+  // In the child: writes the report to `connection` within a time limit and
+  // ends the process.
+  [[noreturn]] void WriteReportAndExit(Socket* connection, pid_t daemon_pid);
   void HandleDatagram();
   // Lets the daemon hand freed memory back once no input has come for a
   // moment after a large release.
@@ -51,15 +64,13 @@ class EventLoop {
   LockManagerDaemon* daemon_;
   Socket* udp_;
   Socket* tcp_;
-  DescriptorSet watched_;
-  DescriptorSet readable_;  // the working copy that each wait overwrites
+  BitSet watched_;
+  BitSet readable_;  // the working copy that each wait overwrites
   TimeStamp next_check_;
+  std::vector<pid_t> report_children_;  // status-report children that may still run
+  int reserve_fd_ = -1;                 // given up to drop a connection when out of descriptors
+  bool accept_failing_ = false;         // the last accept failed
 };
-
-// The time from `now` until `due`: zero once the seconds of `now` have reached
-// those of `due` (the microseconds are not compared), else the difference,
-// borrowing a second when the microseconds would go negative.
-timeval TimeUntil(const TimeStamp& now, const TimeStamp& due);
 
 }  // namespace klv
 

@@ -87,7 +87,29 @@ void InstallStopHandler() {
 
 const sigset_t* WaitMask() { return &wait_mask; }
 
-bool StopRequested() { return stop_requested != 0; }
+void ResetStopSignals() {
+  for (const int signal_number : kStopSignals) SetDisposition(signal_number, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &wait_mask, nullptr);
+}
+
+// A wait that finds input ready returns before a pending stop signal is
+// delivered, and puts the mask back: under a steady flood the signal would
+// stay pending for as long as the flood lasts. So each check looks for one
+// and lets it in.
+bool StopRequested() {
+  if (stop_requested != 0) return true;
+  sigset_t pending;
+  sigpending(&pending);
+  for (const int signal_number : kStopSignals) {
+    if (sigismember(&pending, signal_number) == 1) {
+      sigset_t blocked;
+      sigprocmask(SIG_SETMASK, &wait_mask, &blocked);  // the handler runs here
+      sigprocmask(SIG_SETMASK, &blocked, nullptr);
+      break;
+    }
+  }
+  return stop_requested != 0;
+}
 
 void InstallFatalSignalHandler() {
   snprintf(fatal_message, sizeof fatal_message, kFatalFormat, "Ostrand Kelvane Lock Daemon", "2.01",
@@ -96,7 +118,5 @@ void InstallFatalSignalHandler() {
   SetDisposition(SIGSEGV, FatalSignalHandler);
   SetDisposition(SIGBUS, FatalSignalHandler);
 }
-
-const char* FatalSignalMessage() { return fatal_message; }
 
 }  // namespace klv

@@ -30,17 +30,18 @@ void InstallStopHandler();
 // without the stop signals.
 const sigset_t* WaitMask();
 
-// True once a stop signal has arrived.
+// For a forked child: the stop signals end the process again, as by default,
+// and are no longer blocked.
+void ResetStopSignals();
+
+// True once a stop signal has arrived; a stop signal that is pending while
+// blocked is let in and counts.
 bool StopRequested();
 
 // Forms the fatal-signal message, naming this process's id, then catches
 // SIGSEGV and SIGBUS: the handler writes the message to standard error and to
 // the error log of the registered daemon and ends the process with status 99.
 void InstallFatalSignalHandler();
-
-// The message that the fatal-signal handler writes; empty before
-// InstallFatalSignalHandler.
-const char* FatalSignalMessage();
 
 }  // namespace klv
 

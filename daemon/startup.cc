@@ -154,6 +154,15 @@ void DetachStandardInputAndOutput() {
   if (null_fd > STDOUT_FILENO) close(null_fd);
 }
 
+// Puts /dev/null on each of descriptors 0 to 2 that is closed, in that order,
+// so that the next open takes exactly that one. A socket left to take one of
+// them would receive whatever is written to that standard stream.
+void OpenClosedStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) open("/dev/null", O_RDWR);
+  }
+}
+
 // A failed fork leaves the starting process to run as the daemon, without a
 // status line.
 int StartDaemon(const char* timeout_argument, const char* logdir) {
@@ -182,6 +191,7 @@ int StartDaemon(const char* timeout_argument, const char* logdir) {
 
 int RunKlvlockd(int argc, char** argv) {
   IgnoreStartupSignals();
+  OpenClosedStandardDescriptors();
   if (argc == 2) return RunStatusProbe(argv[1]);
   if (argc != 3) return BadArgumentList(argc, argv);
   return StartDaemon(argv[1], argv[2]);

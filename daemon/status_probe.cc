@@ -4,8 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
+#include "charset/charset.h"
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
@@ -15,14 +15,6 @@ namespace klv {
 namespace {
 
 constexpr size_t kPieceSize = 8192;
-
-enum ProbeStatus {
-  kProbeDone = 0,
-  kNotAPort = 10,
-  kNoLocalSocket = 11,
-  kNoContact = 12,
-  kReadFailed = 13,
-};
 
 // Reads until the daemon closes the connection; false when a read fails.
 bool ReadToEnd(Socket* connection, std::string* text) {
@@ -44,42 +36,59 @@ bool ReadToEnd(Socket* connection, std::string* text) {
   }
 }
 
-// Writes `text`, the failure of the connection's last call and a newline to
-// standard error, and answers `status`.
-int ProbeFailed(const char* text, const Socket& connection, ProbeStatus status) {
-  FileStream err(stderr);
-  err << text << connection.LastFailure().Text() << "\n";
-  err.Flush();
+// Keeps the failure of the connection's last call and answers `status`.
+ProbeStatus Failed(const Socket& connection, ProbeStatus status, std::string* failure) {
+  *failure = connection.LastFailure().Text().Encode(charset::kIso8859_1);
   return status;
+}
+
+// The start of the probe's message for each failure.
+const char* FailureHead(int status) {
+  switch (status) {
+    case kNoLocalSocket:
+      return "LOCKDSTATUS: Unable to bind to local tcp port: ";
+    case kNoContact:
+      return "LOCKDSTATUS: Unable to contact lockd daemon: ";
+    default:
+      return "LOCKDSTATUS: I/O error from lockd daemon: ";
+  }
 }
 
 }  // namespace
 
-int RunStatusProbe(const char* port_argument) {
+ProbeStatus FetchStatusReport(uint16_t port, std::string* report, std::string* failure) {
   SocketAddress daemon_address;
   daemon_address.SetLoopback();
-  // A word, or a number outside 0 to 65535, leaves the port at 0.
-  daemon_address.SetPort(static_cast<uint32_t>(atoi(port_argument)));
-  if (daemon_address.Port() == 0) {
-    FileStream err(stderr);
-    err << "\"" << RefString(port_argument) << "\" is not a valid port number\n";
-    err.Flush();
-    return kNotAPort;
-  }
-
+  daemon_address.SetPort(port);
   SocketAddress local;
   local.SetLoopback();
   Socket connection;
   if (!connection.BindTo(local, SOCK_STREAM, AddressReuse::kOff, 0, Progress::kQuiet)) {
-    return ProbeFailed("LOCKDSTATUS: Unable to bind to local tcp port: ", connection,
-                       kNoLocalSocket);
+    return Failed(connection, kNoLocalSocket, failure);
   }
-  if (!connection.Connect(daemon_address)) {
-    return ProbeFailed("LOCKDSTATUS: Unable to contact lockd daemon: ", connection, kNoContact);
+  if (!connection.Connect(daemon_address)) return Failed(connection, kNoContact, failure);
+  if (!ReadToEnd(&connection, report)) return Failed(connection, kReadFailed, failure);
+  return kProbeDone;
+}
+
+int RunStatusProbe(const char* port_argument) {
+  SocketAddress checked;
+  // A word, or a number outside 0 to 65535, leaves the port at 0.
+  checked.SetPort(static_cast<uint32_t>(atoi(port_argument)));
+  FileStream err(stderr);
+  if (checked.Port() == 0) {
+    err << "\"" << RefString(port_argument) << "\" is not a valid port number\n";
+    err.Flush();
+    return kNotAPort;
   }
   std::string text;
-  if (!ReadToEnd(&connection, &text)) {
-    return ProbeFailed("LOCKDSTATUS: I/O error from lockd daemon: ", connection, kReadFailed);
+  std::string failure;
+  const ProbeStatus status = FetchStatusReport(checked.Port(), &text, &failure);
+  if (status != kProbeDone) {
+    err << FailureHead(status) << RefString(failure.data(), static_cast<uint32_t>(failure.size()))
+        << "\n";
+    err.Flush();
+    return status;
   }
   fwrite(text.data(), 1, text.size(), stdout);
   fflush(stdout);

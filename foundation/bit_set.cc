@@ -9,24 +9,26 @@ namespace {
 
 constexpr uint32_t kWordBits = 32;
 
+// select reads its sets as arrays of longs: an odd word count still gets the
+// whole last long, kept zero.
+size_t AllocatedWords(uint32_t word_count) { return (word_count + 1) / 2 * 2; }
+
 uint32_t WordOf(uint32_t bit) { return bit / kWordBits; }
 uint32_t MaskOf(uint32_t bit) { return uint32_t{1} << (bit % kWordBits); }
 
 }  // namespace
 
-BitSet::BitSet(uint32_t bits)
-    : word_count_((bits + kWordBits) / kWordBits + 1),
-      words_(static_cast<uint32_t*>(std::calloc(word_count_, sizeof(uint32_t)))) {}
+BitSet::BitSet(uint32_t bits) { Resize((bits + kWordBits) / kWordBits + 1); }
 
 BitSet::~BitSet() { std::free(words_); }
 
 void BitSet::Set(uint32_t bit) {
-  if (WordOf(bit) >= word_count_) GrowFor(bit);
+  if (WordOf(bit) >= word_count_) Resize((bit + kWordBits) / kWordBits + 3);
   words_[WordOf(bit)] |= MaskOf(bit);
 }
 
 void BitSet::Clear(uint32_t bit) {
-  if (WordOf(bit) >= word_count_) GrowFor(bit);
+  if (WordOf(bit) >= word_count_) Resize((bit + kWordBits) / kWordBits + 3);
   words_[WordOf(bit)] &= ~MaskOf(bit);
 }
 
@@ -35,13 +37,19 @@ bool BitSet::Test(uint32_t bit) const {
   return (words_[WordOf(bit)] & MaskOf(bit)) != 0;
 }
 
-void BitSet::GrowFor(uint32_t bit) {
-  // Three spare words past the one needed leave room for about a hundred more
-  // bits before the next realloc.
-  const uint32_t new_count = (bit + kWordBits) / kWordBits + 3;
-  words_ = static_cast<uint32_t*>(std::realloc(words_, new_count * sizeof(uint32_t)));
-  std::memset(words_ + word_count_, 0, (new_count - word_count_) * sizeof(uint32_t));
-  word_count_ = new_count;
+void BitSet::CopyFrom(const BitSet& other) {
+  if (word_count_ < other.word_count_) Resize(other.word_count_);
+  std::memcpy(words_, other.words_, other.word_count_ * sizeof(uint32_t));
+  std::memset(words_ + other.word_count_, 0, (word_count_ - other.word_count_) * sizeof(uint32_t));
+}
+
+// The new words, and the spare half of the last long, start zero.
+void BitSet::Resize(uint32_t word_count) {
+  const size_t old_allocated = words_ == nullptr ? 0 : AllocatedWords(word_count_);
+  const size_t allocated = AllocatedWords(word_count);
+  words_ = static_cast<uint32_t*>(std::realloc(words_, allocated * sizeof(uint32_t)));
+  std::memset(words_ + old_allocated, 0, (allocated - old_allocated) * sizeof(uint32_t));
+  word_count_ = word_count;
 }
 
 }  // namespace klv

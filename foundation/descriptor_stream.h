@@ -24,7 +24,6 @@ class DescriptorStream : public OutputStream {
   DescriptorStream(const DescriptorStream&) = delete;
   DescriptorStream& operator=(const DescriptorStream&) = delete;
 
-  void Clear() override { buffer_.clear(); }  // drops what is not written yet
   void Flush() override;
   void Write(const TextBuffer& text) override;
   void WriteBytes(const char* bytes, size_t count) override;

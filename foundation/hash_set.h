@@ -3,7 +3,7 @@
 
 #include <cassert>
 #include <cstdint>
-#include <cstdlib>
+#include <functional>
 
 #include "foundation/slot_vector.h"
 
@@ -17,11 +17,12 @@ enum class InsertResult { kInserted, kAlreadyPresent };
 //   static uint32_t Hash(const Key& key);
 //   static bool Equal(const Key& a, const Key& b);
 //   static bool IsIdle(const Entry& entry);   // needed by Purge only
-// A key's bucket is Hash(key) & Mask(). The mask starts at 2 whatever the
+// A key's bucket is Hash(key) & mask. The mask starts at 2 whatever the
 // bucket count, so with 4 buckets only buckets 0 and 2 are used until the
-// first growth; each growth multiplies the bucket count and GrowAt() by 4 and
-// makes the mask mask * 4 + 3 (2, 11, 47, 191, ...). Growth happens when an
-// insertion finds Size() >= GrowAt() (bucket count * 3 at construction).
+// first growth; each growth multiplies the bucket count and the growth
+// threshold by 4 and makes the mask mask * 4 + 3 (2, 11, 47, 191, ...).
+// Growth happens when an insertion finds Size() at the threshold (bucket
+// count * 3 at construction).
 //
 // Ownership: Insert, Find and Remove only move pointers; the set owns no
 // element through them. Purge and DeleteAll delete the elements they drop.
@@ -47,20 +48,16 @@ class HashSet {
   // Takes the element with `key` out of its bucket (closing the gap); the
   // caller owns it afterwards. False when the key is absent.
   bool Remove(const Key& key);
-  // Deletes idle elements chosen at random until Size() <= PurgeLimit() / 2
-  // or a budget of PurgeLimit() / 2 + 1 tests is spent; nothing happens when
-  // Size() < PurgeLimit(). At most one element per bucket and pass. `random`
-  // stands for the C library's rand. True when anything was removed.
-  bool Purge(int (*random)() = &std::rand);
+  // Deletes idle elements chosen at random until Size() <= the purge limit / 2
+  // or a budget of limit / 2 + 1 tests is spent; nothing happens when
+  // Size() < limit. At most one element per bucket and pass; each pass
+  // starts at the bucket that `random` draws. True when anything was removed.
+  bool Purge(const std::function<uint32_t()>& random);
   // Deletes every element and empties the set.
   void DeleteAll();
 
   uint32_t Size() const { return size_; }
   uint32_t BucketCount() const { return bucket_count_; }
-  uint32_t Mask() const { return mask_; }
-  uint32_t GrowAt() const { return grow_at_; }
-  uint32_t BitsLeft() const { return bits_left_; }
-  uint32_t PurgeLimit() const { return purge_limit_; }
   void SetPurgeLimit(uint32_t limit) { purge_limit_ = limit; }
   const Bucket& BucketAt(uint32_t index) const { return buckets_[index]; }
 
@@ -79,7 +76,6 @@ class HashSet {
   Bucket* buckets_;  // new[]
   uint32_t size_ = 0;
   uint32_t grow_at_;
-  uint32_t bits_left_ = 28;
   uint32_t mask_ = 2;
   uint32_t purge_limit_;
 };
@@ -96,7 +92,6 @@ class HashSetIterator {
   bool Advance();
   // The element reached by the last Advance, which must have returned true.
   Entry* Current() const { return set_->BucketAt(bucket_)[slot_]; }
-  uint32_t BucketIndex() const { return bucket_; }
 
  private:
   const HashSet<Entry, Traits>* set_;
@@ -150,7 +145,7 @@ bool HashSet<Entry, Traits>::Remove(const Key& key) {
 }
 
 template <typename Entry, typename Traits>
-bool HashSet<Entry, Traits>::Purge(int (*random)()) {
+bool HashSet<Entry, Traits>::Purge(const std::function<uint32_t()>& random) {
   if (size_ < purge_limit_) return false;
   uint32_t budget = purge_limit_ / 2 + 1;
   bool removed = false;
@@ -158,7 +153,7 @@ bool HashSet<Entry, Traits>::Purge(int (*random)()) {
     // Each pass walks from a random bucket to the last one, so removals
     // spread over the table instead of emptying its first buckets. Once the
     // budget is spent the rest of the walk could change nothing.
-    const uint32_t start = static_cast<uint32_t>(random()) & mask_;
+    const uint32_t start = random() & mask_;
     for (uint32_t index = start; index < bucket_count_ && budget > 0; ++index) {
       Bucket& bucket = buckets_[index];
       if (bucket.IsEmpty()) {
@@ -209,7 +204,6 @@ void HashSet<Entry, Traits>::Grow() {
   bucket_count_ = old_count * 4;
   buckets_ = new Bucket[bucket_count_];
   grow_at_ *= 4;
-  bits_left_ -= 2;
   mask_ = mask_ * 4 + 3;
   for (uint32_t index = 0; index < old_count; ++index) {
     const Bucket& old_bucket = old_buckets[index];

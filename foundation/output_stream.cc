@@ -33,23 +33,10 @@ bool IsAscii(const char* text, size_t length) {
 }  // namespace
 
 void OutputStream::WriteBytes(const char* bytes, size_t count) {
-  if (count > 0)
+  if (count > 0) {
     Write(TextBuffer::Decode(bytes, static_cast<uint32_t>(count), charset::kIso8859_1));
+  }
 }
-
-TextBuilder::TextBuilder() : cell_(new TextBuffer()), owns_cell_(1) {}
-
-TextBuilder::TextBuilder(TextBuffer* target) : cell_(target), owns_cell_(0) {}
-
-TextBuilder::~TextBuilder() {
-  if (owns_cell_ == 1) delete cell_;
-}
-
-void TextBuilder::Clear() {
-  if (!cell_->IsEmpty()) cell_->SetLength(0);
-}
-
-void TextBuilder::Write(const TextBuffer& text) { cell_->Append(text); }
 
 FileStream::FileStream(FILE* file, int charset_id) : charset_id_(charset_id), file_(file) {}
 
@@ -95,7 +82,5 @@ OutputStream& operator<<(OutputStream& out, int value) { return WriteNumber(out,
 OutputStream& operator<<(OutputStream& out, unsigned value) { return WriteNumber(out, value); }
 
 OutputStream& operator<<(OutputStream& out, long value) { return WriteNumber(out, value); }
-
-OutputStream& operator<<(OutputStream& out, unsigned long value) { return WriteNumber(out, value); }
 
 }  // namespace klv

@@ -16,10 +16,6 @@ namespace klv {
 class OutputStream {
  public:
   virtual ~OutputStream() = default;
-  // A hook that does nothing in every stream.
-  virtual void Prepare() {}
-  // Discards what was written so far, where the stream can.
-  virtual void Clear() = 0;
   // Pushes buffered output out.
   virtual void Flush() = 0;
   virtual void Write(const TextBuffer& text) = 0;
@@ -28,28 +24,19 @@ class OutputStream {
   virtual void WriteBytes(const char* bytes, size_t count);
 };
 
-// Collects text in a TextBuffer: its own (the usual case) or one that the
-// caller owns and keeps after the builder is gone.
+// Collects text in a TextBuffer of its own.
 class TextBuilder : public OutputStream {
  public:
-  TextBuilder();
-  explicit TextBuilder(TextBuffer* target);
-  ~TextBuilder() override;
-  TextBuilder(const TextBuilder&) = delete;
-  TextBuilder& operator=(const TextBuilder&) = delete;
-
-  void Clear() override;  // truncates the target to length 0
   void Flush() override {}
-  void Write(const TextBuffer& text) override;
+  void Write(const TextBuffer& text) override { text_.Append(text); }
 
-  // The text written so far, shared with the target.
-  TextBuffer Text() const { return *cell_; }
+  // The text written so far, shared with the builder.
+  TextBuffer Text() const { return text_; }
   // The text written so far as bytes (ISO 8859-1, id 26).
-  RefString Bytes() const { return cell_->ToRefString(); }
+  RefString Bytes() const { return text_.ToRefString(); }
 
  private:
-  TextBuffer* cell_;
-  uint32_t owns_cell_;
+  TextBuffer text_;
 };
 
 // Writes text to a stdio FILE that it does not own, converted with a
@@ -58,7 +45,6 @@ class FileStream : public OutputStream {
  public:
   explicit FileStream(FILE* file, int charset_id = 26);
 
-  void Clear() override {}
   void Flush() override;  // fflush
   void Write(const TextBuffer& text) override;
   void WriteBytes(const char* bytes, size_t count) override;
@@ -74,10 +60,9 @@ OutputStream& operator<<(OutputStream& out, const TextBuffer& text);
 OutputStream& operator<<(OutputStream& out, const char* literal);
 // A byte string, one character per byte, so that its bytes come out unchanged.
 OutputStream& operator<<(OutputStream& out, const RefString& bytes);
-OutputStream& operator<<(OutputStream& out, int value);            // "%d"
-OutputStream& operator<<(OutputStream& out, unsigned value);       // "%u"
-OutputStream& operator<<(OutputStream& out, long value);           // "%ld"
-OutputStream& operator<<(OutputStream& out, unsigned long value);  // "%lu"
+OutputStream& operator<<(OutputStream& out, int value);       // "%d"
+OutputStream& operator<<(OutputStream& out, unsigned value);  // "%u"
+OutputStream& operator<<(OutputStream& out, long value);      // "%ld"
 
 }  // namespace klv
 

@@ -11,8 +11,11 @@ namespace {
 
 // Room given to every body built from existing bytes: the NUL and six more.
 constexpr uint32_t kFreshRoom = 7;
-// Added to the needed length before the growth formula squares its eighth.
-constexpr uint32_t kGrowthRoom = 10;
+
+// Capacity for `bytes` bytes: a sixth more and 16 bytes of room, rounded down
+// to a multiple of 16, so that a string built piece by piece is copied a
+// number of times that grows only with the logarithm of its length.
+uint32_t GrownCapacity(uint32_t bytes) { return (bytes + bytes / 6 + 16) & ~uint32_t{15}; }
 
 const char kEmptyText[] = "";
 
@@ -51,14 +54,8 @@ RefString::~RefString() { Release(); }
 
 const char* RefString::Text() const { return body_ != nullptr ? body_->buffer : kEmptyText; }
 
-void RefString::Truncate(uint32_t length) {
-  assert(length <= Length());
-  MakeUnique();
-  body_->length = length;
-  body_->buffer[length] = '\0';
-}
-
 void RefString::Append(const char* bytes, uint32_t count) {
+  if (count == 0) return;
   MakeUnique();
   Body* body = body_;
   if (body->capacity <= body->length + count) {
@@ -68,8 +65,7 @@ void RefString::Append(const char* bytes, uint32_t count) {
     const bool own =
         in_order(body->buffer, bytes) && in_order(bytes + count, body->buffer + body->length);
     const size_t offset = own ? static_cast<size_t>(bytes - body->buffer) : 0;
-    const uint32_t t = body->length + count + kGrowthRoom;
-    body->capacity = t + (t >> 3) * (t >> 3);
+    body->capacity = GrownCapacity(body->length + count + 1);
     body->buffer = static_cast<char*>(std::realloc(body->buffer, body->capacity));
     if (own) bytes = body->buffer + offset;
   }
@@ -80,19 +76,23 @@ void RefString::Append(const char* bytes, uint32_t count) {
 
 void RefString::Append(const char* text) { Append(text, static_cast<uint32_t>(std::strlen(text))); }
 
-void RefString::Append(const RefString& other) { Append(other.Text(), other.Length()); }
+void RefString::Truncate(uint32_t length) {
+  assert(length <= Length());
+  MakeUnique();
+  body_->length = length;
+  body_->buffer[length] = '\0';
+}
+
+uint32_t RefString::Hash() const {
+  uint32_t hash = 0;
+  for (uint32_t i = 0; i < Length(); ++i) hash = hash * 9 + static_cast<unsigned char>(Text()[i]);
+  return hash;
+}
 
 bool RefString::Equals(const RefString& other) const {
   if (body_ == other.body_) return true;
   if (Length() != other.Length()) return false;
   return std::memcmp(Text(), other.Text(), Length()) == 0;
-}
-
-uint32_t RefString::Hash() const {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(Text());
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) hash = hash + (hash << 3) + bytes[i];
-  return hash;
 }
 
 RefString::Body* RefString::NewBody(const char* bytes, uint32_t count) {

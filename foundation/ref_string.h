@@ -10,7 +10,9 @@ namespace klv {
 // Copying a handle never copies bytes; a body is duplicated only when a holder
 // that shares it is about to change it. The bytes are arbitrary (NULs allowed)
 // and the body always keeps a NUL after the last byte. A null handle is the
-// empty string and owns no body. Not thread-safe: the count is a plain integer.
+// empty string and owns no body. The one copy-on-write body of the library:
+// TextBuffer keeps its 16-bit units in a RefString too. Not thread-safe: the
+// count is a plain integer.
 class RefString {
  public:
   RefString() = default;
@@ -27,25 +29,21 @@ class RefString {
   uint32_t Length() const { return body_ ? body_->length : 0; }
   // The bytes, NUL-terminated; never null (a static empty text for a null handle).
   const char* Text() const;
-  // Bytes allocated for the buffer, the NUL included; 0 for a null handle.
-  uint32_t Capacity() const { return body_ ? body_->capacity : 0; }
-  // Handles sharing the body; 0 for a null handle.
-  uint32_t References() const { return body_ ? body_->references : 0; }
   bool IsEmpty() const { return Length() == 0; }
 
-  // Cuts the string to `length` bytes (which must not exceed Length()); the
-  // capacity is kept.
-  void Truncate(uint32_t length);
-  // Appends `count` bytes. Grows, when they do not fit, to t + (t / 8)^2 with
-  // t = length + count + 10, in 32-bit arithmetic.
+  // Appends `count` bytes, which may be this string's own. Grows, when they
+  // do not fit, to n + n / 6 + 16 bytes rounded down to a multiple of 16, n
+  // being the new length with its NUL.
   void Append(const char* bytes, uint32_t count);
   void Append(const char* text);
-  void Append(const RefString& other);
+  // Cuts the string to `length` bytes, which must not exceed Length(); the
+  // capacity is kept.
+  void Truncate(uint32_t length);
 
   // Same body, or same length and same bytes.
   bool Equals(const RefString& other) const;
   bool operator==(const RefString& other) const { return Equals(other); }
-  // h = h * 9 + byte over the bytes, 32-bit wrap; 0 for the empty string.
+  // h = h * 9 + byte over the bytes, with 32-bit wrap; 0 for the empty string.
   uint32_t Hash() const;
 
  private:

@@ -66,8 +66,8 @@ class Socket : public Descriptor {
   // seconds apart, while the address is in use. With kVerbose the retries
   // print "A socket is still in use, attempting <retries> retries..." and a
   // "." per later retry to standard error, then a newline.
-  bool BindTo(const SocketAddress& address, int type, AddressReuse reuse, int retries,
-              Progress progress);
+  bool BindTo(const SocketAddress& address, int type, AddressReuse reuse = AddressReuse::kOff,
+              int retries = 0, Progress progress = Progress::kQuiet);
   // connect(2), repeated at once while it fails with EAGAIN.
   bool Connect(const SocketAddress& address);
   bool Listen(unsigned backlog);

@@ -1,54 +1,16 @@
 #include "foundation/text_buffer.h"
 
-#include <cassert>
-#include <cstdlib>
 #include <cstring>
 
 #include "charset/charset.h"
 
 namespace klv {
 
-namespace {
-
-// Capacity for a content of `bytes`: a sixth more and 16 bytes of room,
-// rounded down to a multiple of 16.
-uint32_t GrownCapacity(uint32_t bytes) { return (bytes + bytes / 6 + 16) & ~uint32_t{15}; }
-
-}  // namespace
-
-TextBuffer::TextBuffer(const TextBuffer& other) : body_(other.body_) {
-  if (body_ != nullptr) ++body_->references;
-}
-
-TextBuffer::TextBuffer(TextBuffer&& other) noexcept : body_(other.body_) { other.body_ = nullptr; }
-
-TextBuffer& TextBuffer::operator=(const TextBuffer& other) {
-  // Taking the reference first makes assigning a text to itself harmless.
-  Body* body = other.body_;
-  if (body != nullptr) ++body->references;
-  Release();
-  body_ = body;
-  return *this;
-}
-
-TextBuffer& TextBuffer::operator=(TextBuffer&& other) noexcept {
-  if (this != &other) {
-    Release();
-    body_ = other.body_;
-    other.body_ = nullptr;
-  }
-  return *this;
-}
-
-TextBuffer::~TextBuffer() { Release(); }
-
 TextBuffer TextBuffer::Decode(const char* bytes, uint32_t count, int charset_id) {
   const std::u16string units = charset::Decode(charset_id, std::string_view(bytes, count));
   TextBuffer text;
-  if (units.empty()) return text;
-  const uint32_t length = static_cast<uint32_t>(units.size() * sizeof(char16_t));
-  text.SetLength(length);
-  std::memcpy(text.body_->data, units.data(), length);
+  text.units_.Append(reinterpret_cast<const char*>(units.data()),
+                     static_cast<uint32_t>(units.size() * sizeof(char16_t)));
   return text;
 }
 
@@ -70,99 +32,10 @@ RefString TextBuffer::ToRefString() const {
   return RefString(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
-char16_t TextBuffer::At(uint32_t index) const {
-  assert(index < Characters());
-  char16_t unit;
-  std::memcpy(&unit, body_->data + index * sizeof(char16_t), sizeof(char16_t));
-  return unit;
-}
-
 std::u16string TextBuffer::ToU16String() const {
-  std::u16string units(Characters(), u'\0');
-  if (!units.empty()) std::memcpy(units.data(), body_->data, units.size() * sizeof(char16_t));
+  std::u16string units(Length() / sizeof(char16_t), u'\0');
+  if (!units.empty()) std::memcpy(units.data(), units_.Text(), units.size() * sizeof(char16_t));
   return units;
-}
-
-void TextBuffer::SetLength(uint32_t bytes) {
-  MakeUnique();
-  if (bytes >= body_->capacity) {
-    body_->capacity = GrownCapacity(bytes);
-    body_->data = static_cast<char*>(std::realloc(body_->data, body_->capacity));
-  }
-  body_->length = bytes;
-}
-
-void TextBuffer::Resize(uint32_t characters) { SetLength(characters * sizeof(char16_t)); }
-
-void TextBuffer::Append(const TextBuffer& other) {
-  if (other.IsEmpty()) return;
-  // Holding the other body keeps it alive and intact when it is our own.
-  const TextBuffer source = other;
-  Insert(Length(), source.body_->data, source.body_->length);
-}
-
-void TextBuffer::Insert(uint32_t position, const char* bytes, uint32_t count) {
-  const uint32_t old_length = Length();
-  assert(position <= old_length);
-  SetLength(old_length + count);
-  char* data = body_->data;
-  std::memmove(data + position + count, data + position, old_length - position);
-  if (count != 0) std::memcpy(data + position, bytes, count);
-}
-
-void TextBuffer::Erase(uint32_t position, uint32_t count) {
-  const uint32_t old_length = Length();
-  assert(position <= old_length && count <= old_length - position);
-  MakeUnique();
-  char* data = body_->data;
-  const uint32_t tail = old_length - position - count;
-  if (tail != 0) std::memmove(data + position, data + position + count, tail);
-  SetLength(old_length - count);
-}
-
-void TextBuffer::AppendByte(uint8_t byte) {
-  const char c = static_cast<char>(byte);
-  Insert(Length(), &c, 1);
-}
-
-uint32_t TextBuffer::Hash() const {
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) {
-    hash = hash + 8 * hash + static_cast<unsigned char>(body_->data[i]);
-  }
-  return hash;
-}
-
-bool TextBuffer::Equals(const TextBuffer& other) const {
-  const uint32_t length = Length();
-  if (length == 0 || body_ == other.body_) return true;
-  // Only this text's length counts; a shorter other text cannot hold all of
-  // its bytes, so it differs.
-  if (other.Length() < length) return false;
-  return std::memcmp(body_->data, other.body_->data, length) == 0;
-}
-
-void TextBuffer::Release() {
-  if (body_ == nullptr) return;
-  assert(body_->references > 0);
-  if (body_->references-- == 1) {
-    std::free(body_->data);
-    delete body_;
-  }
-  body_ = nullptr;
-}
-
-void TextBuffer::MakeUnique() {
-  if (body_ == nullptr) {
-    body_ = new Body{1, 0, 0, nullptr};
-    return;
-  }
-  if (body_->references == 1) return;
-  Body* copy = new Body{1, body_->length, GrownCapacity(body_->length), nullptr};
-  copy->data = static_cast<char*>(std::malloc(copy->capacity));
-  if (body_->length != 0) std::memcpy(copy->data, body_->data, body_->length);
-  Release();
-  body_ = copy;
 }
 
 }  // namespace klv

@@ -2,7 +2,6 @@
 // the periodic sweep that releases clients which stopped answering.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
@@ -52,7 +51,7 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
   MarkAlive(key);
 }
 
-void LockManagerDaemon::CheckLiveness(const ClientKey& key) {
+void LockManagerDaemon::ProbeIfSilent(const ClientKey& key) {
   ClientEntry* client = clients_.Find(key);
   if (client == nullptr) return;
   if (client->state == ClientState::kOk && client->activity_tick < sweep_tick_) {
@@ -77,23 +76,23 @@ void LockManagerDaemon::SendProbe(ClientEntry* client) {
 
 void LockManagerDaemon::SweepClients() {
   files_.SetPurgeLimit(files_.Size() / 2);
-  files_.Purge();
+  files_.Purge(random_);
   // Each OK client is probed with chance 1/m, so about two per sweep.
   const uint32_t m = clients_.Size() / 2 + 1;
   // Releasing a client changes the table, so the walk starts over after each.
   // A client probed by this sweep is in WAIT when the walk comes round again;
   // it must have until the next sweep to answer, so it is passed over.
   std::vector<const ClientEntry*> probed;
-  while (ClientEntry* dead = FindDeadClient(m, &probed)) ReleaseDeadClient(dead);
+  while (ClientEntry* dead = ProbeClientsUntilOneIsDead(m, &probed)) ReleaseDeadClient(dead);
   ++sweep_tick_;
 }
 
-ClientEntry* LockManagerDaemon::FindDeadClient(uint32_t m,
-                                               std::vector<const ClientEntry*>* probed) {
+ClientEntry* LockManagerDaemon::ProbeClientsUntilOneIsDead(
+    uint32_t m, std::vector<const ClientEntry*>* probed) {
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {
-      if (static_cast<uint32_t>(std::rand()) % m != 0) continue;
+      if (random_() % m != 0) continue;
       if (client->activity_tick >= sweep_tick_) continue;
       SendProbe(client);
       probed->push_back(client);

@@ -31,6 +31,8 @@ class HolderTable {
   // The number of `key`, or kNone when no lock names it.
   uint32_t Find(const ClientKey& key) const;
   const ClientKey& KeyOf(uint32_t id) const { return holders_[id].key; }
+  // The locks counted for holder `id`.
+  uint32_t LocksOf(uint32_t id) const { return holders_[id].locks; }
   // One past the largest number given so far.
   uint32_t End() const { return static_cast<uint32_t>(holders_.size()); }
   // Locks counted now, and at most since the last ResetPeak.

@@ -3,8 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "daemon/event_log.h"
@@ -38,6 +40,9 @@ class LockManagerDaemon {
   // The socket that replies and the daemon's own messages are sent through;
   // the caller keeps ownership.
   void SetUdpSocket(Socket* udp) { udp_ = udp; }
+  // Where the sweep draws its random numbers (whom to probe, where the purge
+  // of idle files starts): the C library's rand unless replaced.
+  void SetRandomSource(std::function<uint32_t()> random) { random_ = std::move(random); }
   uint32_t CheckPeriod() const { return check_period_; }
 
   // Handles one datagram of `size` bytes from `sender`: decodes the request,
@@ -48,6 +53,12 @@ class LockManagerDaemon {
   void SweepClients();
   // Writes the status report to `out`; changes nothing.
   void WriteStatusReport(OutputStream& out);
+  // Checks that the tables hold together: keys unique and found where they
+  // belong, counts matching the lists, no two opens of a file or granted
+  // ranges in conflict, every range seen by the conflict check and counted by
+  // its holder, every wait's holders present and listing the wait.
+  // Returns a description of the first violation, or an empty text.
+  RefString CheckTables() const;
   // Builds the status report and writes it to `connection`, abandoning the
   // rest silently when the connection fails or closes.
   void SendStatusReport(Descriptor* connection);
@@ -61,8 +72,6 @@ class LockManagerDaemon {
  private:
   // Which reply writer sends a datagram; it decides the failure events.
   enum class Writer { kSynchronous, kAsynchronous };
-  // What an open may do about the file's oplocks.
-  enum class OplockDecision { kWait, kGrantWithOplock, kGrantWithoutOplock };
 
   // lock_manager_daemon.cc: the reply writers. A send that returns 0 is fatal;
   // any other failure is logged and the datagram dropped.
@@ -88,13 +97,14 @@ class LockManagerDaemon {
   void MarkAlive(const ClientKey& key);
   // Releases every lock and wait of the client; its entry stays.
   void EndClient(const ClientKey& key);
-  // Probes the client when it is in state OK and silent since the last sweep.
-  void CheckLiveness(const ClientKey& key);
+  // Sends the client a probe when it is in state OK and silent since the
+  // last sweep.
+  void ProbeIfSilent(const ClientKey& key);
   void SendProbe(ClientEntry* client);
-  // Walks the client table, probing each silent OK client with chance 1/m
-  // and adding it to `probed`, up to the first client found dead (and not
-  // probed by this sweep), which it returns; nullptr at the end.
-  ClientEntry* FindDeadClient(uint32_t m, std::vector<const ClientEntry*>* probed);
+  // Walks the client table, sending a probe to each silent OK client drawn
+  // with chance 1/m and adding it to `probed`, up to the first client found
+  // dead (and not probed by this sweep), which it returns; nullptr at the end.
+  ClientEntry* ProbeClientsUntilOneIsDead(uint32_t m, std::vector<const ClientEntry*>* probed);
   void ReleaseDeadClient(ClientEntry* client);
   void WriteDeadClientNotice(const ClientEntry& client);
 
@@ -102,10 +112,14 @@ class LockManagerDaemon {
   FileEntry* FindOrAddFile(const FileKey& key);
 
   // oplocks.cc
-  // Breaks every oplock of the file on behalf of `requester`; kWait stores
-  // the new wait id in `wait_id`.
-  OplockDecision DecideOplock(const LockRequest& request, const ClientKey& requester,
-                              FileEntry* file, uint32_t* wait_id);
+  // Sends MSG_OPLOCK_BREAK to the holder of every oplock of the file and
+  // makes `requester` wait for them all: true, with the new wait id in
+  // `wait_id`, when the file had oplocks; false when it had none.
+  bool BreakOplocks(const LockRequest& request, const ClientKey& requester, FileEntry* file,
+                    uint32_t* wait_id);
+  // Whether an open that met no oplock may have one: it asks for one, is no
+  // retry, and nobody has the file open.
+  static bool OplockGrantable(const LockRequest& request, const FileEntry& file);
   // Drops the wait `id` and its mention in its holders' lists; an unknown id
   // changes nothing.
   void WithdrawWait(uint32_t id);
@@ -115,7 +129,10 @@ class LockManagerDaemon {
   void ReleaseOplocksWhere(FileEntry* file, const std::function<bool(const OpLock&)>& matches);
   // Removes the oplock at `slot`, sending MSG_OPEN_RETRY to each waiter that
   // waited for it last.
-  void ReleaseOplockAt(FileEntry* file, uint32_t slot);
+  void ReleaseOplockAndSendRetries(FileEntry* file, uint32_t slot);
+
+  // table_check.cc
+  RefString CheckHolders() const;
 
   // status_report.cc
   void WriteClientLines(OutputStream& out);
@@ -135,6 +152,7 @@ class LockManagerDaemon {
   FileTable files_;
   HolderTable holders_;  // the clients that hold byte-range locks
   WaitTable waits_;
+  std::function<uint32_t()> random_ = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t sweep_tick_ = 1;
   uint32_t last_wait_id_ = 0;    // wait ids start at 1
   uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks

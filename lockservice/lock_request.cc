@@ -14,7 +14,7 @@ namespace {
 //               the first NUL or after 16 bytes)  52 path (NUL-terminated)
 //   REQ_LOCK    28 offset  32 length  36 locktype
 //   REQ_UNLOCK  28 offset  32 length
-//   REQ_TEXT    28 text (NUL-terminated)
+//   REQ_TEXT    28 text (NUL-terminated; carried and ignored, so not read)
 //   REQ_PROBE   28 version  32 wantreply
 //
 // Reads a datagram front to back without ever passing its end: a word that
@@ -44,12 +44,9 @@ class WireReader {
 
   // A NUL-terminated string. Without a NUL before the end it is invalid: the
   // result is empty and the position stays where it was.
-  RefString String(bool* valid) {
+  RefString String() {
     const void* nul = Remaining() == 0 ? nullptr : memchr(data_ + position_, 0, Remaining());
-    if (nul == nullptr) {
-      *valid = false;
-      return RefString();
-    }
+    if (nul == nullptr) return RefString();
     const size_t length = static_cast<const unsigned char*>(nul) - (data_ + position_);
     const size_t start = position_;
     Skip(length + 1);
@@ -70,11 +67,6 @@ void PutWord(char* buffer, size_t offset, uint32_t word) {
   for (int i = 0; i < 4; ++i) buffer[offset + i] = static_cast<char>(word >> (8 * i));
 }
 
-void PutBytes(char* buffer, size_t offset, const RefString& bytes, size_t limit) {
-  const size_t count = bytes.Length() < limit ? bytes.Length() : limit;
-  memcpy(buffer + offset, bytes.Text(), count);
-}
-
 }  // namespace
 
 char* DatagramBytes::Reset(size_t size) {
@@ -92,7 +84,7 @@ void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
   if (size > 0) memcpy(target, bytes, size);
 }
 
-bool LockRequest::Decode(const unsigned char* data, size_t size) {
+void LockRequest::Decode(const unsigned char* data, size_t size) {
   WireReader reader(data, size);
   code_ = reader.Word();
   tag_ = reader.Word();
@@ -101,13 +93,12 @@ bool LockRequest::Decode(const unsigned char* data, size_t size) {
   filekey_hi_ = reader.Word();
   filekey_lo_ = reader.Word();
   waitid_ = reader.Word();
-  bool valid = true;
   switch (code_) {
     case REQ_OPEN:
       openmode_ = reader.Word();
       oplockwanted_ = reader.Word();
       clientname_ = reader.Name();
-      path_ = reader.String(&valid);
+      path_ = reader.String();
       break;
     case REQ_LOCK:
       offset_ = reader.Word();
@@ -118,9 +109,6 @@ bool LockRequest::Decode(const unsigned char* data, size_t size) {
       offset_ = reader.Word();
       length_ = reader.Word();
       break;
-    case REQ_TEXT:
-      text_ = reader.String(&valid);
-      break;
     case REQ_PROBE:
       version_ = reader.Word();
       wantreply_ = reader.Word();
@@ -130,7 +118,6 @@ bool LockRequest::Decode(const unsigned char* data, size_t size) {
   }
   bytes_.Assign(data, size);
   needs_encoding_ = false;
-  return valid;
 }
 
 std::string_view LockRequest::Bytes() {
@@ -138,52 +125,11 @@ std::string_view LockRequest::Bytes() {
   return bytes_.View();
 }
 
-void LockRequest::SetFileKey(uint32_t hi, uint32_t lo) {
-  Change(&filekey_hi_, hi);
-  Change(&filekey_lo_, lo);
-}
-
-void LockRequest::SetClientName(const RefString& name) {
-  clientname_ = name;
-  needs_encoding_ = true;
-}
-
-void LockRequest::SetPath(const RefString& path) {
-  path_ = path;
-  needs_encoding_ = true;
-}
-
-void LockRequest::SetRange(uint32_t offset, uint32_t length) {
-  Change(&offset_, offset);
-  Change(&length_, length);
-}
-
-void LockRequest::SetText(const RefString& text) {
-  text_ = text;
-  needs_encoding_ = true;
-}
-
 void LockRequest::Encode() {
-  size_t size = kRequestHeadSize;
-  if (code_ == REQ_OPEN) size += 8 + kClientNameSize + path_.Length() + 1;
-  if (code_ == REQ_LOCK) size += 12;
-  if (code_ == REQ_UNLOCK || code_ == REQ_PROBE) size += 8;
-  if (code_ == REQ_TEXT) size += text_.Length() + 1;
-  char* buffer = bytes_.Reset(size);
+  char* buffer = bytes_.Reset(code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize);
   const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
   for (size_t i = 0; i < 7; ++i) PutWord(buffer, 4 * i, head[i]);
-  if (code_ == REQ_OPEN) {
-    PutWord(buffer, 28, openmode_);
-    PutWord(buffer, 32, oplockwanted_);
-    PutBytes(buffer, 36, clientname_, kClientNameSize - 1);
-    PutBytes(buffer, 52, path_, path_.Length());
-  } else if (code_ == REQ_LOCK || code_ == REQ_UNLOCK) {
-    PutWord(buffer, 28, offset_);
-    PutWord(buffer, 32, length_);
-    if (code_ == REQ_LOCK) PutWord(buffer, 36, locktype_);
-  } else if (code_ == REQ_TEXT) {
-    PutBytes(buffer, 28, text_, text_.Length());
-  } else if (code_ == REQ_PROBE) {
+  if (code_ == REQ_PROBE) {
     PutWord(buffer, 28, version_);
     PutWord(buffer, 32, wantreply_);
   }
@@ -235,11 +181,6 @@ void LockReply::SetBreak(uint32_t filekey_hi, uint32_t filekey_lo, uint32_t clie
   SetBodyWord(3, session);
 }
 
-void LockReply::SetHalfWord(uint16_t word) {
-  half_word_ = word;
-  needs_encoding_ = true;
-}
-
 void LockReply::SetBodyWord(int index, uint32_t word) {
   body_[index] = word;
   needs_encoding_ = true;
@@ -252,13 +193,9 @@ void LockReply::Encode() {
   PutWord(buffer, 4, tag_);
   PutWord(buffer, 8, static_cast<uint32_t>(status_));
   PutWord(buffer, 12, value_);
-  if (code_ == REPLY_HALFWORD) {
-    buffer[16] = static_cast<char>(half_word_ & 0xFF);
-    buffer[17] = static_cast<char>(half_word_ >> 8);
-  } else {
-    for (size_t offset = kReplyHeadSize; offset < length; offset += 4) {
-      PutWord(buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
-    }
+  // The half word of REPLY_HALFWORD stays 0: no whole body word fits.
+  for (size_t offset = kReplyHeadSize; offset + 4 <= length; offset += 4) {
+    PutWord(buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
   }
   needs_encoding_ = false;
 }

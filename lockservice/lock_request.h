@@ -24,8 +24,7 @@ enum MessageCode : uint32_t {
   MSG_OPEN_RETRY = 9,
   REQ_PROBE = 1000,
   REQ_NOOP = 1001,
-  // A reply form with one 16-bit word of body; the codec carries it, no
-  // handler sends it.
+  // A reply form with one 16-bit word of body, which no handler sends.
   REPLY_HALFWORD = 1002,
 };
 
@@ -68,18 +67,19 @@ class DatagramBytes {
 // One request datagram: a head of seven words and a body that depends on the
 // code. The fields are read through the getters; every setter marks the
 // record for re-encoding, and Bytes() rebuilds the bytes from the fields when
-// marked.
+// marked. The daemon itself only ever sends probes, so only the head and the
+// probe's body are encoded.
 class LockRequest {
  public:
   LockRequest() = default;
 
   // Reads `size` bytes; never reads past them. Words beyond the end read as
-  // 0; a string with no NUL before the end reads as empty. False when a
-  // string field was invalid; the fields read are usable either way.
-  bool Decode(const unsigned char* data, size_t size);
-  // The datagram: the decoded bytes, or the fields encoded afresh after a
-  // change. The daemon encodes a name as at most 15 bytes, a NUL and zeros.
-  // The view lasts until the record changes or goes.
+  // 0; a string with no NUL before the end reads as empty. The text of
+  // REQ_TEXT is not kept.
+  void Decode(const unsigned char* data, size_t size);
+  // The datagram: the decoded bytes, or the head (and a probe's body)
+  // encoded afresh after a change. The view lasts until the record changes
+  // or goes.
   std::string_view Bytes();
 
   uint32_t Code() const { return code_; }
@@ -96,23 +96,11 @@ class LockRequest {
   uint32_t Offset() const { return offset_; }
   uint32_t Length() const { return length_; }
   uint32_t LockType() const { return locktype_; }
-  const RefString& Text() const { return text_; }
-  uint32_t Version() const { return version_; }
   uint32_t WantReply() const { return wantreply_; }
 
   void SetCode(uint32_t code) { Change(&code_, code); }
   void SetTag(uint32_t tag) { Change(&tag_, tag); }
   void SetSession(uint32_t session) { Change(&session_, session); }
-  void SetClientfid(uint32_t clientfid) { Change(&clientfid_, clientfid); }
-  void SetFileKey(uint32_t hi, uint32_t lo);
-  void SetWaitId(uint32_t waitid) { Change(&waitid_, waitid); }
-  void SetOpenMode(uint32_t openmode) { Change(&openmode_, openmode); }
-  void SetOplockWanted(uint32_t wanted) { Change(&oplockwanted_, wanted); }
-  void SetClientName(const RefString& name);
-  void SetPath(const RefString& path);
-  void SetRange(uint32_t offset, uint32_t length);
-  void SetLockType(uint32_t locktype) { Change(&locktype_, locktype); }
-  void SetText(const RefString& text);
   void SetVersion(uint32_t version) { Change(&version_, version); }
   void SetWantReply(uint32_t wantreply) { Change(&wantreply_, wantreply); }
 
@@ -137,7 +125,6 @@ class LockRequest {
   uint32_t offset_ = 0;
   uint32_t length_ = 0;
   uint32_t locktype_ = 0;
-  RefString text_;
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
@@ -152,16 +139,12 @@ class LockReply {
   LockReply(uint32_t code, uint32_t tag) : code_(code), tag_(tag) {}
 
   // The datagram length for `code`: 20 for REQ_OPEN and MSG_OPEN_RETRY, 32
-  // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD, 16 for every other code.
+  // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD (its 16-bit word is always
+  // 0), 16 for every other code.
   static size_t LengthFor(uint32_t code);
   // The datagram, rebuilt from the fields when one changed since the last
   // call. The view lasts until the record changes or goes.
   std::string_view Bytes();
-
-  uint32_t Code() const { return code_; }
-  uint32_t Tag() const { return tag_; }
-  ReplyStatus Status() const { return status_; }
-  uint32_t Value() const { return value_; }
 
   void SetStatus(ReplyStatus status);
   void SetValue(uint32_t value);
@@ -171,8 +154,6 @@ class LockReply {
   void SetBreak(uint32_t filekey_hi, uint32_t filekey_lo, uint32_t clientfid, uint32_t session);
   // MSG_OPEN_RETRY body: the waiting client's session.
   void SetWaiterSession(uint32_t session) { SetBodyWord(0, session); }
-  // REPLY_HALFWORD body.
-  void SetHalfWord(uint16_t word);
 
  private:
   static constexpr int kBodyWords = 4;
@@ -185,7 +166,6 @@ class LockReply {
   ReplyStatus status_ = ReplyStatus::kDone;
   uint32_t value_ = 0;
   uint32_t body_[kBodyWords] = {};
-  uint16_t half_word_ = 0;
   bool needs_encoding_ = true;
   DatagramBytes bytes_;
 };

@@ -1,5 +1,6 @@
 // Share-mode locks: REQ_OPEN and REQ_CLOSE.
 #include "lockservice/lock_manager_daemon.h"
+#include "lockservice/serial_ids.h"
 #include "lockservice/share_modes.h"
 
 namespace klv {
@@ -37,22 +38,27 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
   if (request.WaitId() != 0) WithdrawWait(request.WaitId());
 
   uint32_t wait_id = 0;
-  const OplockDecision decision = DecideOplock(request, requester, file, &wait_id);
-  if (decision == OplockDecision::kWait) {
+  if (BreakOplocks(request, requester, file, &wait_id)) {
     reply->SetStatus(ReplyStatus::kWait);
     reply->SetValue(wait_id);
-    CheckLiveness(requester);
+    ProbeIfSilent(requester);
     return true;
   }
   if (!AgreesWithOpens(*file, candidate)) {
     reply->SetStatus(ReplyStatus::kConflict);
     return true;
   }
-  if (decision == OplockDecision::kGrantWithOplock) {
-    file->oplocks.Append(
-        OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, ++last_oplock_id_});
+  if (OplockGrantable(request, *file)) {
+    // Waits find their holders among the file's oplocks by id.
+    const uint32_t id = NextFreeId(&last_oplock_id_, [file](uint32_t taken) {
+      for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
+        if (file->oplocks[slot].id == taken) return true;
+      }
+      return false;
+    });
+    file->oplocks.Append(OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, id});
     reply->SetOplockGranted(1);
-    CheckLiveness(requester);
+    ProbeIfSilent(requester);
   }
   file->opens.Append(candidate);
   if (!request.Path().IsEmpty()) file->path = request.Path();

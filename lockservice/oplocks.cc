@@ -1,15 +1,15 @@
 // Opportunistic locks: the decision an open takes first, the breaks sent to
 // holders, the waits they hold up and the retry notices sent on release.
 #include <algorithm>
+#include <cassert>
 
 #include "lockservice/lock_manager_daemon.h"
+#include "lockservice/serial_ids.h"
 
 namespace klv {
 
-LockManagerDaemon::OplockDecision LockManagerDaemon::DecideOplock(const LockRequest& request,
-                                                                  const ClientKey& requester,
-                                                                  FileEntry* file,
-                                                                  uint32_t* wait_id) {
+bool LockManagerDaemon::BreakOplocks(const LockRequest& request, const ClientKey& requester,
+                                     FileEntry* file, uint32_t* wait_id) {
   WaitEntry* wait = nullptr;
   // Every oplock is broken, the requester's own under other clientfids too.
   for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
@@ -17,22 +17,26 @@ LockManagerDaemon::OplockDecision LockManagerDaemon::DecideOplock(const LockRequ
     LockReply message(MSG_OPLOCK_BREAK, 0);
     message.SetBreak(request.FilekeyHi(), request.FilekeyLo(), holder.clientfid,
                      holder.client.session);
-    CheckLiveness(holder.client);
+    ProbeIfSilent(holder.client);
     SendAsync(holder.client.Address(), &message);
-    if (wait == nullptr) wait = new WaitEntry{++last_wait_id_, requester, file->key, {}};
+    if (wait == nullptr) {
+      const uint32_t id = NextFreeId(
+          &last_wait_id_, [this](uint32_t taken) { return waits_.Find(taken) != nullptr; });
+      wait = new WaitEntry{id, requester, file->key, {}};
+    }
     holder.waits.push_back(wait->id);
     wait->holders.push_back(holder.id);
   }
-  if (wait != nullptr) {
-    waits_.Insert(wait);
-    *wait_id = wait->id;
-    return OplockDecision::kWait;
-  }
-  // A retried open never gets an oplock, nor does one that finds the file open.
-  if (request.OplockWanted() == 0 || request.WaitId() != 0 || !file->opens.IsEmpty()) {
-    return OplockDecision::kGrantWithoutOplock;
-  }
-  return OplockDecision::kGrantWithOplock;
+  if (wait == nullptr) return false;
+  [[maybe_unused]] const InsertResult inserted = waits_.Insert(wait);
+  assert(inserted == InsertResult::kInserted);  // the id was free
+  *wait_id = wait->id;
+  return true;
+}
+
+// A retried open never gets an oplock, nor does one that finds the file open.
+bool LockManagerDaemon::OplockGrantable(const LockRequest& request, const FileEntry& file) {
+  return request.OplockWanted() != 0 && request.WaitId() == 0 && file.opens.IsEmpty();
 }
 
 void LockManagerDaemon::WithdrawWait(uint32_t id) {
@@ -66,7 +70,7 @@ void LockManagerDaemon::ReleaseOplocksWhere(FileEntry* file,
   uint32_t slot = 0;
   while (slot < file->oplocks.Count()) {
     if (matches(file->oplocks[slot])) {
-      ReleaseOplockAt(file, slot);  // the later oplocks move down into `slot`
+      ReleaseOplockAndSendRetries(file, slot);  // the later oplocks move down into `slot`
     } else {
       ++slot;
     }
@@ -75,7 +79,7 @@ void LockManagerDaemon::ReleaseOplocksWhere(FileEntry* file,
 
 // Retry notice layout: code MSG_OPEN_RETRY, tag 0, status 0, value the wait
 // id, then the waiter's session.
-void LockManagerDaemon::ReleaseOplockAt(FileEntry* file, uint32_t slot) {
+void LockManagerDaemon::ReleaseOplockAndSendRetries(FileEntry* file, uint32_t slot) {
   const OpLock& oplock = file->oplocks[slot];
   for (uint32_t wait_id : oplock.waits) {
     WaitEntry* wait = waits_.Find(wait_id);

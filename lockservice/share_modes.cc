@@ -2,11 +2,16 @@
 
 namespace klv {
 
-// Kept cell for cell as the file server's sharing rules give it, not derived
-// from a rule. Rows and columns in index order: read, write, read-write, each
-// with DENY_MSDOS (M), DENY_NONE (N), DENY_READ (DR), DENY_WRITE (DW),
-// DENY_READWRITE (DRW).
-const bool ShareTable[kShareModes][kShareModes] = {
+namespace {
+
+// Number of compatibility indexes: three access classes times five deny classes.
+constexpr int kShareModes = 15;
+
+// Whether two opens may coexist: row = index of the open already held,
+// column = index of the new open. Kept cell for cell as the file server's sharing rules give it,
+// not derived from a rule. Rows and columns in index order: read, write, read-write, each with
+// DENY_MSDOS (M), DENY_NONE (N), DENY_READ (DR), DENY_WRITE (DW), DENY_READWRITE (DRW).
+constexpr bool kShareTable[kShareModes][kShareModes] = {
     // Columns: R M, R N, R DR, R DW, R DRW, W M ... W DRW, RW M ... RW DRW.
     {1, 1, 0, 1, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0},  // R M
     {1, 1, 0, 1, 0, 1, 1, 0, 1, 0, 1, 1, 0, 1, 0},  // R N
@@ -24,8 +29,6 @@ const bool ShareTable[kShareModes][kShareModes] = {
     {0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},  // RW DW
     {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},  // RW DRW
 };
-
-namespace {
 
 int AccessClass(uint32_t openmode) {
   switch (openmode & kAccessBits) {
@@ -88,12 +91,12 @@ const char* DenyText(uint32_t deny) {
   }
 }
 
-}  // namespace
-
 int CompatibilityIndex(uint32_t openmode) { return AccessClass(openmode) + DenyClass(openmode); }
 
+}  // namespace
+
 bool ShareModesAgree(const OpenLock& new_open, const OpenLock& held) {
-  return ShareTable[CompatibilityIndex(held.openmode)][CompatibilityIndex(new_open.openmode)];
+  return kShareTable[CompatibilityIndex(held.openmode)][CompatibilityIndex(new_open.openmode)];
 }
 
 void WriteOpenMode(OutputStream& out, uint32_t openmode) {

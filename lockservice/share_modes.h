@@ -29,19 +29,10 @@ enum OpenModeBits : uint32_t {
   DENY_NONE = 0x40,  // so do the unnamed values 0x50, 0x60 and 0x70
 };
 
-// Number of compatibility indexes: three access classes times five deny classes.
-constexpr int kShareModes = 15;
-
-// Whether two opens may coexist: row = index of the open already held,
-// column = index of the new open.
-extern const bool ShareTable[kShareModes][kShareModes];
-
-// The compatibility index of a mode: access class (read 0, write 5,
-// read-write 10) plus deny class (DENY_MSDOS 0, DENY_NONE 1, DENY_READ 2,
-// DENY_WRITE 3, DENY_READWRITE 4).
-int CompatibilityIndex(uint32_t openmode);
-
-// True when `new_open` may be granted beside `held`.
+// True when `new_open` may be granted beside `held`: the share table's cell
+// at row index(held), column index(new), where a mode's index is its access
+// class (read 0, write 5, read-write 10) plus its deny class (DENY_MSDOS 0,
+// DENY_NONE 1, DENY_READ 2, DENY_WRITE 3, DENY_READWRITE 4).
 bool ShareModesAgree(const OpenLock& new_open, const OpenLock& held);
 
 // Writes the mode as the status report shows it: the access text (which ends

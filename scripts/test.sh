@@ -4,6 +4,8 @@
 set -euo pipefail
 preset="${1:-release}"
 cd "$(dirname "$0")/.."
-cmake --preset "$preset"
+scripts/need-packages.sh test
+# scripts/start.sh may have configured this build without the tests.
+cmake --preset "$preset" -DBUILD_TESTING=ON
 cmake --build --preset "$preset"
 ctest --preset "$preset"

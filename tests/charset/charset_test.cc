@@ -171,8 +171,8 @@ TEST(Charset, CodePageSamples) {
       {22, '\x9B', u'\u00F8'}, {23, '\x80', u'\u0410'}, {24, '\xA4', u'\u0391'},
       {25, '\xA1', u'\u0E01'}};
   for (const CodePageSample& sample : kSamples) {
-    const std::string bytes = std::string("<") + sample.byte + ">";
-    const std::u16string text = u"<" + std::u16string(1, sample.unit) + u">";
+    const std::string bytes = {'<', sample.byte, '>'};
+    const std::u16string text = {u'<', sample.unit, u'>'};
     EXPECT_EQ(Decode(sample.id, bytes), text) << "id " << sample.id;
     EXPECT_EQ(Encode(sample.id, text), bytes) << "id " << sample.id;
   }

@@ -1,7 +1,5 @@
-// The event loop: its wait time-out, and the datagrams and status connections
+// The event loop: the datagrams and status connections
 // that the running daemon serves.
-
-#include "daemon/event_loop.h"
 
 #include <gtest/gtest.h>
 
@@ -18,25 +16,6 @@ namespace {
 
 using wire::FromHex;
 using wire::Hex;
-
-TEST(EventLoop, TimeUntilComparesSecondsOnly) {
-  EXPECT_EQ(TimeUntil({100, 5}, {100, 900000}).tv_sec, 0);
-  EXPECT_EQ(TimeUntil({100, 5}, {100, 900000}).tv_usec, 0);
-  EXPECT_EQ(TimeUntil({161, 0}, {160, 999999}).tv_sec, 0);
-  EXPECT_EQ(TimeUntil({161, 0}, {160, 999999}).tv_usec, 0);
-}
-
-TEST(EventLoop, TimeUntilBorrowsASecond) {
-  const timeval borrowed = TimeUntil({100, 200000}, {160, 100000});
-  EXPECT_EQ(borrowed.tv_sec, 59);
-  EXPECT_EQ(borrowed.tv_usec, 900000);
-  const timeval plain = TimeUntil({100, 100000}, {160, 200000});
-  EXPECT_EQ(plain.tv_sec, 60);
-  EXPECT_EQ(plain.tv_usec, 100000);
-  const timeval last_second = TimeUntil({159, 999999}, {160, 0});
-  EXPECT_EQ(last_second.tv_sec, 0);
-  EXPECT_EQ(last_second.tv_usec, 1);
-}
 
 class EventLoopTest : public ::testing::Test {
  protected:

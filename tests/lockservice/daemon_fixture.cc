@@ -24,7 +24,7 @@ void DaemonTest::SetUp() {
   SocketAddress address;
   address.SetLoopback();
   address.SetPort(0);
-  ASSERT_TRUE(udp_.BindTo(address, SOCK_DGRAM, AddressReuse::kOff, 0, Progress::kQuiet));
+  ASSERT_TRUE(udp_.BindTo(address, SOCK_DGRAM));
   daemon_->SetUdpSocket(&udp_);
 }
 

@@ -79,6 +79,7 @@ pid_t SpawnKlvlockd(const std::vector<std::string>& arguments, int out_fd, int e
   if (pid == 0) {  // only async-signal-safe calls until exec
     dup2(in_fd, STDIN_FILENO);
     dup2(out_fd, STDOUT_FILENO);
+    if (err_fd < 0) close(STDERR_FILENO);
     dup2(err_fd, STDERR_FILENO);
     if (forking == Forking::kFails) ForbidForking();
     execv(argv[0], argv.data());

@@ -26,7 +26,8 @@ void BecomeSubreaper();
 enum class Forking { kAllowed, kFails };
 
 // Starts klvlockd with `arguments`, standard input /dev/null, standard output
-// `out_fd` and standard error `err_fd`; -1 when fork fails. With
+// `out_fd` and standard error `err_fd` (closed when `err_fd` is -1); -1 when
+// fork fails. With
 // Forking::kFails a system-call filter makes every fork of the program fail
 // with EAGAIN (threads still start).
 pid_t SpawnKlvlockd(const std::vector<std::string>& arguments, int out_fd, int err_fd,

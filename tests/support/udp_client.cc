@@ -48,8 +48,8 @@ UdpClient::~UdpClient() {
   if (fd_ >= 0) close(fd_);
 }
 
-bool UdpClient::Send(const std::string& bytes) {
-  const sockaddr_in daemon = Loopback(daemon_port_);
+bool UdpClient::SendTo(uint16_t port, const std::string& bytes) {
+  const sockaddr_in daemon = Loopback(port);
   const ssize_t sent = sendto(fd_, bytes.data(), bytes.size(), 0,
                               reinterpret_cast<const sockaddr*>(&daemon), sizeof daemon);
   return sent == static_cast<ssize_t>(bytes.size());

@@ -20,11 +20,15 @@ class UdpClient {
   UdpClient& operator=(const UdpClient&) = delete;
 
   bool IsOpen() const { return fd_ >= 0; }
+  int Fd() const { return fd_; }  // for polling many clients at once
   uint16_t Port() const { return port_; }  // the client's own port
   uint16_t DaemonPort() const { return daemon_port_; }
 
   // Sends `bytes` as one datagram to the daemon; false when sendto fails.
-  bool Send(const std::string& bytes);
+  bool Send(const std::string& bytes) { return SendTo(daemon_port_, bytes); }
+  // Sends `bytes` to another port on 127.0.0.1, as when this socket stands in
+  // for the daemon.
+  bool SendTo(uint16_t port, const std::string& bytes);
   // Waits up to `timeout_ms` for the next datagram from anyone; false when
   // none came.
   bool Receive(std::string* datagram, int timeout_ms = kWaitMs);

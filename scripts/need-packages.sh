@@ -1,0 +1,43 @@
+#!/bin/sh
+# Makes sure the Debian packages of a set are installed:
+#   build  what scripts/start.sh needs to build the programs
+#   test   that, and what scripts/test.sh needs to build and run every test
+#   fuzz   what fuzz/run.sh needs: clang and its fuzzer and sanitizer runtime
+# Missing packages are installed with apt-get when run as root; otherwise the
+# command to run is printed and the exit status is 1.
+# Usage: scripts/need-packages.sh build|test|fuzz
+set -eu
+build_packages="g++ cmake make"
+test_packages="$build_packages libgtest-dev groff-base pkg-config"
+fuzz_packages="clang libclang-rt-14-dev"
+case ${1:-} in
+  build) packages=$build_packages ;;
+  test) packages=$test_packages ;;
+  fuzz) packages=$fuzz_packages ;;
+  *)
+    echo "usage: $0 build|test|fuzz" >&2
+    exit 2
+    ;;
+esac
+
+if ! command -v dpkg-query >/dev/null 2>&1; then
+  echo "Not a Debian system: make sure these are installed: $packages" >&2
+  exit 0
+fi
+missing=
+for package in $packages; do
+  dpkg-query -W -f='${Status}\n' "$package" 2>/dev/null | grep -q ' installed$' ||
+    missing="$missing $package"
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "Missing packages:$missing. Install them as root first:" >&2
+  echo "  apt-get install -y$missing" >&2
+  exit 1
+fi
+echo "Installing$missing" >&2
+export DEBIAN_FRONTEND=noninteractive
+# The package lists of a fresh machine may be empty or old: update and retry.
+# shellcheck disable=SC2086
+apt-get install -y -q $missing || { apt-get update -q && apt-get install -y -q $missing; }

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# klvlockctl against the real daemon: two sessions meet on one file (oplock
+# grant after a probe, break, wait, retry notice, share and range conflicts,
+# all while idle at the prompt), then the exit statuses of --strict.
+# Usage: klvlockctl_test.sh KLVLOCKD KLVLOCKCTL
+set -u
+klvlockd=$1
+klvlockctl=$2
+dir=$(mktemp -d)
+pids=()
+cleanup() {
+  exec 3>&- 4>&-
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+fail() {
+  echo "FAIL: $*"
+  for f in "$dir"/*.out; do echo "--- $f"; cat "$f"; done
+  exit 1
+}
+# Waits up to 10 s for file $1 to hold the line $2.
+expect() {
+  for _ in $(seq 100); do grep -qxF -- "$2" "$1" && return 0; sleep 0.1; done
+  fail "$1 lacks the line \"$2\""
+}
+
+mkdir "$dir/logs"
+status_line=$("$klvlockd" 30 "$dir/logs" 2>"$dir/stderr") || fail "klvlockd did not start"
+eval "$status_line"
+pids+=("$_klvlockd_pid")
+export _klvlockd_port
+
+mkfifo "$dir/holder.in" "$dir/waiter.in"
+"$klvlockctl" --session 1 --name holder <"$dir/holder.in" >"$dir/holder.out" 2>&1 &
+pids+=($!)
+exec 3>"$dir/holder.in"
+"$klvlockctl" --session 2 --name waiter <"$dir/waiter.in" >"$dir/waiter.out" 2>&1 &
+pids+=($!)
+exec 4>"$dir/waiter.in"
+
+echo "open fid=1 file=10:20 access=read deny=write oplock path=/share/a.txt" >&3
+expect "$dir/holder.out" "probe answered"
+expect "$dir/holder.out" "open fid=1: granted oplock=1"
+echo "open fid=2 file=10:20 access=read deny=none" >&4
+expect "$dir/waiter.out" "open fid=2: wait id=1"
+expect "$dir/holder.out" "break file=10:20 fid=1 session=1"
+echo "release fid=1 file=10:20" >&3
+expect "$dir/holder.out" "release fid=1: done"
+expect "$dir/waiter.out" "retry id=1 session=2"
+echo "open fid=2 file=10:20 access=write deny=none wait=1" >&4
+expect "$dir/waiter.out" "open fid=2: conflict"
+printf '# a range\nlock fid=2 file=10:20 offset=0 length=10\n' >&4
+expect "$dir/waiter.out" "lock fid=2: granted"
+echo "lock fid=1 file=10:20 offset=5 length=10 shared" >&3
+expect "$dir/holder.out" "lock fid=1: conflict"
+exec 3>&- 4>&-
+wait "${pids[1]}" || fail "holder ended with status $?"
+wait "${pids[2]}" || fail "waiter ended with status $?"
+
+# --strict: a refusal is status 1, a syntax error 2, an unreachable daemon 3.
+strict() { printf '%s\n' "$@" | "$klvlockctl" --strict --session 3 >"$dir/strict.out" 2>&1; }
+strict "noop" "lock fid=9 file=10:20 offset=9 length=1" "noop"
+[ $? -eq 1 ] || fail "a refusal under --strict did not end with status 1"
+grep -qxF "lock fid=9: conflict" "$dir/strict.out" || fail "no conflict line"
+[ "$(grep -c 'noop: done' "$dir/strict.out")" -eq 1 ] || fail "went on after the refusal"
+strict "lock fid=9 file=10:20 offset=20 length=1" "lock fid=9 file=1:2 offset=x length=1"
+[ $? -eq 2 ] || fail "a syntax error under --strict did not end with status 2"
+grep -qF "line 2: bad value in \"offset=x\"" "$dir/strict.out" || fail "no syntax error line"
+kill "$_klvlockd_pid"
+for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
+printf 'noop\n' | "$klvlockctl" >"$dir/none.out" 2>&1
+[ $? -eq 3 ] || fail "a stopped daemon did not end klvlockctl with status 3"
+echo PASS

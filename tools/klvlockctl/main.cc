@@ -1,0 +1,103 @@
+// klvlockctl: a command-line client of klvlockd. It keeps one session open,
+// reads one request per line from standard input (a terminal or a pipe) and
+// prints one line per reply and per event; the daemon's probes are answered
+// also while it waits for input.
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "client/klvlock.hpp"
+#include "tools/klvlockctl/options.h"
+#include "tools/klvlockctl/request_runner.h"
+
+namespace klv {
+namespace {
+
+// Feeds standard input to the runner line by line; the session's datagrams
+// are read whenever they arrive in between.
+class InputLoop {
+ public:
+  InputLoop(klvlock::Session* session, RequestRunner* runner, bool prompt)
+      : session_(session), runner_(runner), prompt_(prompt) {}
+
+  // Runs until end of input or until the runner says stop.
+  void Run() {
+    bool more = true;
+    while (more) {
+      if (prompt_) ShowPrompt();
+      pollfd watched[2] = {{STDIN_FILENO, POLLIN, 0}, {session_->Fd(), POLLIN, 0}};
+      if (poll(watched, 2, -1) < 0 && errno != EINTR) break;
+      if (watched[1].revents != 0) runner_->ReadSession();
+      if (watched[0].revents != 0) more = ReadInput();
+    }
+  }
+
+ private:
+  void ShowPrompt() {
+    fputs("klvlockctl> ", stdout);
+    fflush(stdout);
+  }
+
+  // Reads what standard input has and runs each whole line; false at the end
+  // of input or when the runner says stop.
+  bool ReadInput() {
+    char buffer[4096];
+    const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (count < 0) return errno == EINTR || errno == EAGAIN;
+    if (count == 0) {
+      if (!pending_.empty()) RunLine(pending_);  // a last line without its newline
+      return false;
+    }
+    pending_.append(buffer, static_cast<size_t>(count));
+    for (size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
+      const std::string line = pending_.substr(0, end);
+      pending_.erase(0, end + 1);
+      if (!RunLine(line)) return false;
+    }
+    return true;
+  }
+
+  bool RunLine(const std::string& line) { return runner_->RunLine(line, ++line_number_); }
+
+  klvlock::Session* session_;
+  RequestRunner* runner_;
+  bool prompt_;
+  std::string pending_;
+  int line_number_ = 0;
+};
+
+// Everything but the exit: options, the session, the input loop.
+int RunKlvlockctl(int argc, char** argv) {
+  Options options;
+  std::string error;
+  switch (ParseOptions(argc, argv, getenv("_klvlockd_port"), static_cast<uint32_t>(getpid()),
+                       &options, &error)) {
+    case OptionsOutcome::kHelp:
+      fputs(HelpText().c_str(), stdout);
+      return kExitOk;
+    case OptionsOutcome::kVersion:
+      printf("klvlockctl %s\n", KLVLOCKCTL_VERSION);
+      return kExitOk;
+    case OptionsOutcome::kBad:
+      fprintf(stderr, "klvlockctl: %s\nTry klvlockctl --help.\n", error.c_str());
+      return kExitUsage;
+    case OptionsOutcome::kRun:
+      break;
+  }
+  klvlock::Session session(options.port, options.session, options.name);
+  if (session.Error() != KLVLOCK_OK) {
+    fprintf(stderr, "klvlockctl: cannot open a session: %s\n", klvlock_strerror(session.Error()));
+    return kExitNoReply;
+  }
+  RequestRunner runner(&session, {options.timeout_ms, options.strict}, stdout, stderr);
+  InputLoop(&session, &runner, isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)).Run();
+  return runner.Status();
+}
+
+}  // namespace
+}  // namespace klv
+
+int main(int argc, char** argv) { return klv::RunKlvlockctl(argc, argv); }

@@ -1,0 +1,30 @@
+#ifndef KLV_TOOLS_KLVLOCKCTL_OPTIONS_H_
+#define KLV_TOOLS_KLVLOCKCTL_OPTIONS_H_
+
+#include <cstdint>
+#include <string>
+
+namespace klv {
+
+// klvlockctl's command line.
+struct Options {
+  uint16_t port = 0;      // the daemon's UDP port
+  uint32_t session = 0;   // the session id
+  std::string name;       // the client name sent with every open
+  int timeout_ms = 2000;  // how long a request waits for its reply
+  bool strict = false;
+};
+
+enum class OptionsOutcome { kRun, kHelp, kVersion, kBad };
+
+// Reads the options; `environment_port` is the value of _klvlockd_port or
+// null, `pid` the default session id. On kBad, *error says why.
+OptionsOutcome ParseOptions(int argc, char** argv, const char* environment_port, uint32_t pid,
+                            Options* options, std::string* error);
+
+// The text of --help, request syntax included.
+std::string HelpText();
+
+}  // namespace klv
+
+#endif  // KLV_TOOLS_KLVLOCKCTL_OPTIONS_H_

@@ -1,0 +1,28 @@
+#ifndef KLV_TOOLS_LOCKINFO_REPORT_WRITERS_H_
+#define KLV_TOOLS_LOCKINFO_REPORT_WRITERS_H_
+
+#include <string>
+
+#include "tools/lockinfo/report_parser.h"
+
+namespace klv {
+
+// The report as one JSON object, ending with a newline:
+//   {"time": ..., "version": ..., "clients": [{"name", "state", "session", "address",
+//    "port"}...], "files": [{"key_hi", "key_lo", "path", "opens": [{"holder", "clientfid",
+//    "mode"}...], "oplocks": [{"holder", "clientfid", "type"}...], "record_locks":
+//    [{"holder", "clientfid", "type", "offset", "length"}...]}...], "totals": {"files",
+//    "used", "open_locks", "record_locks", "oplocks"}}
+// Bytes of names and paths are read as ISO 8859-1, as the daemon reads them.
+std::string ReportJson(const StatusReport& report);
+
+// The client counts and the totals in the Prometheus text exposition format,
+// with klvlockd_up 1.
+std::string ReportMetrics(const StatusReport& report);
+
+// What the metrics say when no report could be had: klvlockd_up 0.
+std::string UnreachableMetrics();
+
+}  // namespace klv
+
+#endif  // KLV_TOOLS_LOCKINFO_REPORT_WRITERS_H_

@@ -3,9 +3,10 @@
 # each server pinned to CPU 0 and the load generator to CPU 1, and prints the
 # median of each figure over the rounds and the ratios that matter.
 #
-#   bench/compare.sh [base|scale|memory|report] [--rounds=3] [--seconds=3]
+#   bench/compare.sh [base|scale|memory|report|sizes] [--rounds=3] [--seconds=3]
 #                    [--clients="1 8 64"] [--files=1000000] [--locks=10000000]
-#                    [--ranges=10000] [--build=build/release] [--out=FILE]
+#                    [--ranges=10000] [--sizes="1000 ... 10000000"]
+#                    [--build=build/release] [--out=FILE]
 #
 #   base    echo (minimal), echo (the daemon's loop shape), the daemon with
 #           no-op, lock/unlock and open/close, and Redis SET NX/DEL when
@@ -17,22 +18,27 @@
 #           released; resident size after each step
 #   report  a daemon preloaded as in scale: the time of single reports, then
 #           lock/unlock latency idle against while reports are read back to back
+#   sizes   for each of --sizes: a fresh daemon with that many ranges over a
+#           tenth as many files; its resident size, then 64-client lock/unlock
+#           over those files (the data of the plot in docs/performance.md)
 #
 # Every server is stopped by its pid on exit; raw result lines are appended to
 # --out (default: compare-MODE-TIME.txt in the build directory).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=base rounds=3 seconds=3 clients="1 8 64" files=1000000 locks=10000000 ranges=10000
+sizes="1000 10000 100000 1000000 10000000"
 build="$root/build/release" out=""
 for argument in "$@"; do
   case "$argument" in
-    base | scale | memory | report) mode=$argument ;;
+    base | scale | memory | report | sizes) mode=$argument ;;
     --rounds=*) rounds=${argument#*=} ;;
     --seconds=*) seconds=${argument#*=} ;;
     --clients=*) clients=${argument#*=} ;;
     --files=*) files=${argument#*=} ;;
     --locks=*) locks=${argument#*=} ;;
     --ranges=*) ranges=${argument#*=} ;;
+    --sizes=*) sizes=${argument#*=} ;;
     --build=*) build=${argument#*=} ;;
     --out=*) out=${argument#*=} ;;
     *) echo "unknown argument: $argument" >&2; exit 2 ;;
@@ -124,6 +130,18 @@ run_report() {
     local common=(--clients=64 --seconds="$seconds" --workload=lock --files="$files")
     load idle loaded "${common[@]}"
     load reports loaded "${common[@]}" --status-port="$loaded_status" --reports=1000
+  done
+}
+
+run_sizes() {
+  for size in $sizes; do
+    start_daemon sized "$klvlockd" 0
+    preload sized "$size" $((size / 10))
+    for round in $(seq "$rounds"); do
+      load "size_$size" sized --clients=64 --seconds="$seconds" --workload=lock \
+        --files=$((size / 10))
+    done
+    stop_servers
   done
 }
 

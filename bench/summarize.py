@@ -39,18 +39,36 @@ def fields(line):
     return dict(word.split("=", 1) for word in line.split() if "=" in word)
 
 
+def print_sizes(runs, preloads):
+    """One row per table size: locks, files, resident MiB, medians of rps and CPU."""
+    print("# locks files rss_mb rps cpu_us_per_req p99_us")
+    for locks in sorted(preloads, key=int):
+        rounds = runs.get((f"size_{locks}", "64"), {}).values()
+        if not rounds:
+            continue
+        median = lambda name: statistics.median(float(r[name]) for r in rounds)
+        print(f"{locks} {preloads[locks]['files']} {preloads[locks]['rss_mb']} "
+              f"{median('rps'):.0f} {median('cpu_us_per_req'):.3f} {median('p99_us'):.1f}")
+
+
 def main(mode, path):
     runs = collections.defaultdict(dict)  # (label, clients) -> round -> fields
+    preloads = {}  # locks -> fields of the preload line
     with open(path) as results:
         for line in results:
             if line.startswith("#"):
                 continue
             if not line.startswith("round=") or " result " not in line:
+                if line.startswith("preload"):
+                    preloads[fields(line)["count"]] = fields(line)
                 if line.startswith(("preload", "memory", "report", "touch", "release")):
                     print(line.rstrip())
                 continue
             values = fields(line)
             runs[(values["label"], values["clients"])][values["round"]] = values
+    if mode == "sizes":
+        print_sizes(runs, preloads)
+        return
     print(f"{'target':<22}{'clients':>8}" + "".join(f"{name:>16}" for name in FIGURES))
     for (label, clients), rounds in sorted(runs.items(), key=lambda item: (int(item[0][1]), item[0][0])):
         medians = [statistics.median(float(r[name]) for r in rounds.values()) for name in FIGURES]

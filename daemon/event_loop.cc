@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -34,14 +33,11 @@ constexpr int kLowestNice = 19;
 // How long no input must come before freed memory is handed back.
 constexpr long kQuietNanoseconds = 50'000'000;
 
-// A report child runs only when the daemon it was forked from leaves the
-// processor free, so that writing a long report does not slow the requests.
-void YieldToTheDaemon() {
-  const sched_param no_priority = {};
-  if (sched_setscheduler(0, SCHED_IDLE, &no_priority) != 0) {
-    setpriority(PRIO_PROCESS, 0, kLowestNice);
-  }
-}
+// A report child at the lowest priority gives way to the daemon at once, so
+// that writing a long report does not slow the requests. SCHED_IDLE would give
+// way to every other process as well and could miss the child's deadline on
+// a busy machine.
+void YieldToTheDaemon() { setpriority(PRIO_PROCESS, 0, kLowestNice); }
 
 // The time from `now` until `due`: zero once the seconds of `now` have reached
 // those of `due` (the microseconds are not compared), else the difference,

@@ -14,12 +14,12 @@ bool LockManagerDaemon::HandleClientEnd(const SocketAddress& sender, const LockR
   return true;
 }
 
-void LockManagerDaemon::RegisterClient(const ClientKey& key, const RefString& name) {
+void LockManagerDaemon::RegisterClient(const ClientKey& key, std::string_view name) {
   ClientEntry* client = clients_.Find(key);
   if (client == nullptr) {
-    clients_.Insert(new ClientEntry(key, name));
+    clients_.Insert(new ClientEntry(key, RefString(name)));
   } else if (!client->name.Equals(name)) {
-    client->name = name;
+    client->name = RefString(name);
   }
 }
 

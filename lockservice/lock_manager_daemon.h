@@ -92,7 +92,7 @@ class LockManagerDaemon {
 
   // clients.cc
   // Creates the client's entry in state OK, or gives an existing one `name`.
-  void RegisterClient(const ClientKey& key, const RefString& name);
+  void RegisterClient(const ClientKey& key, std::string_view name);
   // The client answered a probe: activity tick = now, state OK.
   void MarkAlive(const ClientKey& key);
   // Releases every lock and wait of the client; its entry stays.

@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 
 namespace klv {
 
@@ -32,31 +34,30 @@ class WireReader {
   }
 
   // The fixed name field: up to the first NUL, at most 16 bytes, fewer when
-  // the datagram ends inside the field.
-  RefString Name() {
+  // the datagram ends inside the field. Answers where its bytes lie.
+  std::pair<uint32_t, uint32_t> Name() {
     const size_t available = Remaining() < kClientNameSize ? Remaining() : kClientNameSize;
     size_t length = 0;
     while (length < available && data_[position_ + length] != 0) ++length;
     const size_t start = position_;
     Skip(available);
-    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
   }
 
-  // A NUL-terminated string. Without a NUL before the end it is invalid: the
-  // result is empty and the position stays where it was.
-  RefString String() {
+  // A NUL-terminated string. Without a NUL before the end it is invalid: it
+  // reads as empty and the position stays where it was.
+  std::pair<uint32_t, uint32_t> String() {
     const void* nul = Remaining() == 0 ? nullptr : memchr(data_ + position_, 0, Remaining());
-    if (nul == nullptr) return RefString();
+    if (nul == nullptr) return {0, 0};
     const size_t length = static_cast<const unsigned char*>(nul) - (data_ + position_);
     const size_t start = position_;
     Skip(length + 1);
-    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
   }
 
  private:
   size_t Remaining() const { return size_ - position_; }
   void Skip(size_t count) { position_ += count < Remaining() ? count : Remaining(); }
-  const char* Chars(size_t offset) const { return reinterpret_cast<const char*>(data_ + offset); }
 
   const unsigned char* data_;
   size_t size_;
@@ -86,6 +87,7 @@ void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
 
 void LockRequest::Decode(const unsigned char* data, size_t size) {
   WireReader reader(data, size);
+  clientname_ = path_ = Span();
   code_ = reader.Word();
   tag_ = reader.Word();
   session_ = reader.Word();
@@ -97,8 +99,8 @@ void LockRequest::Decode(const unsigned char* data, size_t size) {
     case REQ_OPEN:
       openmode_ = reader.Word();
       oplockwanted_ = reader.Word();
-      clientname_ = reader.Name();
-      path_ = reader.String();
+      std::tie(clientname_.at, clientname_.length) = reader.Name();
+      std::tie(path_.at, path_.length) = reader.String();
       break;
     case REQ_LOCK:
       offset_ = reader.Word();
@@ -126,6 +128,7 @@ std::string_view LockRequest::Bytes() {
 }
 
 void LockRequest::Encode() {
+  clientname_ = path_ = Span();
   char* buffer = bytes_.Reset(code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize);
   const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
   for (size_t i = 0; i < 7; ++i) PutWord(buffer, 4 * i, head[i]);

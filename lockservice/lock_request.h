@@ -48,7 +48,8 @@ constexpr size_t kReplyHeadSize = 16;
 constexpr size_t kClientNameSize = 16;
 
 // The bytes of one datagram. Short ones (every reply, and every request but
-// an open or a text) are held inline, so that handling them allocates nothing.
+// an open with a long path or a text) are held inline, so that handling them
+// allocates nothing.
 class DatagramBytes {
  public:
   // Room for `size` bytes, all zero, to be filled in.
@@ -57,7 +58,7 @@ class DatagramBytes {
   std::string_view View() const { return {size_ <= kInline ? inline_ : heap_.data(), size_}; }
 
  private:
-  static constexpr size_t kInline = 48;
+  static constexpr size_t kInline = 128;
 
   char inline_[kInline];
   std::string heap_;
@@ -91,8 +92,11 @@ class LockRequest {
   uint32_t WaitId() const { return waitid_; }
   uint32_t OpenMode() const { return openmode_; }
   uint32_t OplockWanted() const { return oplockwanted_; }
-  const RefString& ClientName() const { return clientname_; }
-  const RefString& Path() const { return path_; }
+  // The name and the path of REQ_OPEN, viewed in the request's bytes: they
+  // last as long as Bytes() does, and read as empty once the request is
+  // encoded afresh.
+  std::string_view ClientName() const { return Field(clientname_); }
+  std::string_view Path() const { return Field(path_); }
   uint32_t Offset() const { return offset_; }
   uint32_t Length() const { return length_; }
   uint32_t LockType() const { return locktype_; }
@@ -111,6 +115,13 @@ class LockRequest {
   }
   void Encode();
 
+  // Where a string field lies in the decoded bytes.
+  struct Span {
+    uint32_t at = 0;
+    uint32_t length = 0;
+  };
+  std::string_view Field(Span span) const { return bytes_.View().substr(span.at, span.length); }
+
   uint32_t code_ = 0;
   uint32_t tag_ = 0;
   uint32_t session_ = 0;
@@ -120,8 +131,8 @@ class LockRequest {
   uint32_t waitid_ = 0;
   uint32_t openmode_ = 0;
   uint32_t oplockwanted_ = 0;
-  RefString clientname_;
-  RefString path_;
+  Span clientname_;
+  Span path_;
   uint32_t offset_ = 0;
   uint32_t length_ = 0;
   uint32_t locktype_ = 0;

@@ -61,7 +61,10 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
     ProbeIfSilent(requester);
   }
   file->opens.Append(candidate);
-  if (!request.Path().IsEmpty()) file->path = request.Path();
+  // The same path again leaves the entry's string as it is.
+  if (!request.Path().empty() && !file->path.Equals(request.Path())) {
+    file->path = RefString(request.Path());
+  }
   return true;
 }
 

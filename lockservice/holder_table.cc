@@ -1,6 +1,7 @@
 #include "lockservice/holder_table.h"
 
 #include <cassert>
+#include <cstring>
 
 namespace klv {
 
@@ -11,11 +12,14 @@ constexpr uint32_t kIdleLimit = 4096;
 
 }  // namespace
 
+// The address as two words and the session, mixed by multiplication.
 size_t HolderTable::KeyHash::operator()(const ClientKey& key) const {
-  // FNV-1a over the address bytes, then the session.
-  uint64_t hash = 14695981039346656037ull;
-  for (unsigned char byte : key.address) hash = (hash ^ byte) * 1099511628211ull;
-  return static_cast<size_t>((hash ^ key.session) * 1099511628211ull);
+  uint64_t words[2];
+  static_assert(sizeof words == kAddressSize);
+  memcpy(words, key.address, sizeof words);
+  const uint64_t hash = (words[0] * 0x9E3779B97F4A7C15ull) ^ (words[1] * 0xC2B2AE3D27D4EB4Full) ^
+                        (uint64_t{key.session} * 0x165667B19E3779F9ull);
+  return static_cast<size_t>(hash ^ (hash >> 29));
 }
 
 uint32_t HolderTable::Acquire(const ClientKey& key) {

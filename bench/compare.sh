@@ -5,12 +5,13 @@
 #
 #   bench/compare.sh [base|scale|memory|report|sizes] [--rounds=3] [--seconds=3]
 #                    [--clients="1 8 64"] [--files=1000000] [--locks=10000000]
-#                    [--ranges=10000] [--sizes="1000 ... 10000000"]
+#                    [--ranges=10000] [--sizes="1000 ... 10000000"] [--base-files=1000]
 #                    [--build=build/release] [--out=FILE]
 #
 #   base    echo (minimal), echo (the daemon's loop shape), the daemon with
 #           no-op, lock/unlock and open/close, and Redis SET NX/DEL when
-#           redis-server is installed; at each client count
+#           redis-server is installed; at each client count, spread over
+#           --base-files files (1000; the one-file cases are in scale)
 #   scale   64 clients: lock/unlock and open/close on an empty daemon against
 #           one preloaded with --locks ranges over --files files, and
 #           lock/unlock on one file against one holding --ranges ranges
@@ -27,7 +28,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=base rounds=3 seconds=3 clients="1 8 64" files=1000000 locks=10000000 ranges=10000
-sizes="1000 10000 100000 1000000 10000000"
+sizes="1000 10000 100000 1000000 10000000" base_files=1000
 build="$root/build/release" out=""
 for argument in "$@"; do
   case "$argument" in
@@ -39,6 +40,7 @@ for argument in "$@"; do
     --locks=*) locks=${argument#*=} ;;
     --ranges=*) ranges=${argument#*=} ;;
     --sizes=*) sizes=${argument#*=} ;;
+    --base-files=*) base_files=${argument#*=} ;;
     --build=*) build=${argument#*=} ;;
     --out=*) out=${argument#*=} ;;
     *) echo "unknown argument: $argument" >&2; exit 2 ;;
@@ -86,7 +88,7 @@ run_base() {
   if start_redis redis 0; then have_redis=1; else echo "# redis-server absent: skipped" | tee -a "$out"; fi
   for round in $(seq "$rounds"); do
     for count in $clients; do
-      local common=(--clients="$count" --seconds="$seconds")
+      local common=(--clients="$count" --seconds="$seconds" --files="$base_files")
       load echo_minimal minimal "${common[@]}" --workload=lock
       load echo_shape_lock shape "${common[@]}" --workload=lock
       load daemon_lock daemon "${common[@]}" --workload=lock

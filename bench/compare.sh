@@ -6,7 +6,7 @@
 #   bench/compare.sh [base|scale|memory|report|sizes] [--rounds=3] [--seconds=3]
 #                    [--clients="1 8 64"] [--files=1000000] [--locks=10000000]
 #                    [--ranges=10000] [--sizes="1000 ... 10000000"] [--base-files=1000]
-#                    [--build=build/release] [--out=FILE]
+#                    [--build=build/release] [--against=BUILD] [--out=FILE]
 #
 #   base    echo (minimal), echo (the daemon's loop shape), the daemon with
 #           no-op, lock/unlock and open/close, and Redis SET NX/DEL when
@@ -21,7 +21,8 @@
 #           lock/unlock latency idle against while reports are read back to back
 #   sizes   for each of --sizes: a fresh daemon with that many ranges over a
 #           tenth as many files; its resident size, then 64-client lock/unlock
-#           over those files (the data of the plot in docs/performance.md)
+#           over those files (the data of the plot in docs/performance.md);
+#           with --against=BUILD a daemon of that build too, in alternation
 #
 # Every server is stopped by its pid on exit; raw result lines are appended to
 # --out (default: compare-MODE-TIME.txt in the build directory).
@@ -29,7 +30,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=base rounds=3 seconds=3 clients="1 8 64" files=1000000 locks=10000000 ranges=10000
 sizes="1000 10000 100000 1000000 10000000" base_files=1000
-build="$root/build/release" out=""
+build="$root/build/release" out="" against=""
 for argument in "$@"; do
   case "$argument" in
     base | scale | memory | report | sizes) mode=$argument ;;
@@ -43,6 +44,7 @@ for argument in "$@"; do
     --base-files=*) base_files=${argument#*=} ;;
     --build=*) build=${argument#*=} ;;
     --out=*) out=${argument#*=} ;;
+    --against=*) against=${argument#*=} ;;
     *) echo "unknown argument: $argument" >&2; exit 2 ;;
   esac
 done
@@ -73,11 +75,13 @@ load() {
   echo "round=$round $line" | tee -a "$out"
 }
 
-# preload SERVER LOCKS FILES: takes LOCKS ranges spread over FILES files.
+# preload SERVER LOCKS FILES [PREFIX]: takes LOCKS ranges spread over FILES
+# files; PREFIX goes before the "preload" of the line recorded.
 preload() {
-  local port_var="${1}_port" pid_var="${1}_pid"
+  local port_var="${1}_port" pid_var="${1}_pid" prefix=${4:-}
   timeout 1800 taskset -c 1 "$loadgen" --port="${!port_var}" --pid="${!pid_var}" \
-    --preload="$2" --preload-files="$3" | tee -a "$out" || true
+    --preload="$2" --preload-files="$3" | sed "s/^preload /${prefix}preload /" |
+    tee -a "$out" || true
 }
 
 run_base() {
@@ -139,9 +143,15 @@ run_sizes() {
   for size in $sizes; do
     start_daemon sized "$klvlockd" 0
     preload sized "$size" $((size / 10))
+    if [ -n "$against" ]; then
+      start_daemon other "$against/daemon/klvlockd" 0
+      echo "# against $against" >>"$out"
+      preload other "$size" $((size / 10)) against_
+    fi
     for round in $(seq "$rounds"); do
-      load "size_$size" sized --clients=64 --seconds="$seconds" --workload=lock \
-        --files=$((size / 10))
+      local common=(--clients=64 --seconds="$seconds" --workload=lock --files=$((size / 10)))
+      load "size_$size" sized "${common[@]}"
+      if [ -n "$against" ]; then load "against_size_$size" other "${common[@]}"; fi
     done
     stop_servers
   done

@@ -39,11 +39,11 @@ def fields(line):
     return dict(word.split("=", 1) for word in line.split() if "=" in word)
 
 
-def print_sizes(runs, preloads):
+def print_sizes(runs, preloads, prefix=""):
     """One row per table size: locks, files, resident MiB, medians of rps and CPU."""
-    print("# locks files rss_mb rps cpu_us_per_req p99_us")
+    print(f"# {prefix or 'this build'}: locks files rss_mb rps cpu_us_per_req p99_us")
     for locks in sorted(preloads, key=int):
-        rounds = runs.get((f"size_{locks}", "64"), {}).values()
+        rounds = runs.get((f"{prefix}size_{locks}", "64"), {}).values()
         if not rounds:
             continue
         median = lambda name: statistics.median(float(r[name]) for r in rounds)
@@ -54,20 +54,27 @@ def print_sizes(runs, preloads):
 def main(mode, path):
     runs = collections.defaultdict(dict)  # (label, clients) -> round -> fields
     preloads = {}  # locks -> fields of the preload line
+    against = {}  # the same for the build compared against
     with open(path) as results:
         for line in results:
             if line.startswith("#"):
                 continue
             if not line.startswith("round=") or " result " not in line:
-                if line.startswith("preload"):
+                if line.startswith("preload "):
                     preloads[fields(line)["count"]] = fields(line)
-                if line.startswith(("preload", "memory", "report", "touch", "release")):
+                if line.startswith("against_preload "):
+                    against[fields(line)["count"]] = fields(line)
+                if line.startswith(("preload", "against_preload", "memory", "report", "touch",
+                                    "release")):
                     print(line.rstrip())
                 continue
             values = fields(line)
             runs[(values["label"], values["clients"])][values["round"]] = values
     if mode == "sizes":
         print_sizes(runs, preloads)
+        if against:
+            print("\n")  # a second data block for gnuplot (index 1)
+            print_sizes(runs, against, "against_")
         return
     print(f"{'target':<22}{'clients':>8}" + "".join(f"{name:>16}" for name in FIGURES))
     for (label, clients), rounds in sorted(runs.items(), key=lambda item: (int(item[0][1]), item[0][0])):

@@ -43,11 +43,11 @@ bool LockManagerDaemon::HandleUnlock(const SocketAddress& sender, const LockRequ
   }
   // Only the exact range of one held lock matches; the shared mark is not compared.
   const uint32_t holder = holders_.Find(ClientKey::Of(sender, request.Session()));
-  const RecordLock wanted{.offset = request.Offset(),
-                          .length = request.Length(),
-                          .clientfid = request.Clientfid(),
-                          .holder = holder};
-  if (holder == HolderTable::kNone || !file->ranges.RemoveFirst(wanted)) {
+  if (holder == HolderTable::kNone ||
+      !file->ranges.RemoveFirst({.offset = request.Offset(),
+                                 .length = request.Length(),
+                                 .clientfid = request.Clientfid(),
+                                 .holder = holder})) {
     reply->SetStatus(ReplyStatus::kNotFound);
     return true;
   }

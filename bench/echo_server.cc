@@ -5,8 +5,10 @@
 //   klv_echo minimal [max_seconds]   blocking recvfrom and sendto, nothing else:
 //                                    the most one thread gets from the transport
 //   klv_echo loop [max_seconds]      the daemon's own per-datagram work: the clock,
-//                                    pselect on a UDP and a listening TCP socket,
-//                                    FIONREAD, malloc, recvfrom, reply, free
+//                                    pselect on a UDP and a listening TCP socket
+//                                    with the stop signals let in only there (and
+//                                    looked for on every 32nd pass), FIONREAD,
+//                                    malloc, recvfrom, reply, free
 //
 // Binds 127.0.0.1 at ports the system chooses, prints
 // "_echo_port=U ; _echo_pid=P ; _echo_status=T" and serves until a signal ends
@@ -24,11 +26,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
 constexpr size_t kReplySize = 16;
 constexpr int kCheckPeriodSeconds = 60;
+constexpr unsigned kPassesPerPendingLook = 32;
 
 int BoundSocket(int type) {
   const int fd = socket(AF_INET, type, 0);
@@ -64,11 +68,23 @@ void Answer(int fd, const unsigned char* request, size_t size, const sockaddr_in
   }
 }
 
+// The daemon keeps its stop signals blocked but for the wait, which swaps the
+// signal mask in and out on every pass, and every 32nd pass asks whether one
+// is pending. They keep their default action here: one ends the echo.
+sigset_t BlockStopSignals() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  for (const int signal_number : {SIGTERM, SIGABRT, SIGINT}) sigaddset(&stop, signal_number);
+  sigset_t wait_mask;
+  sigprocmask(SIG_BLOCK, &stop, &wait_mask);
+  return wait_mask;
+}
+
 // One pass of the daemon's loop per datagram, without its dispatcher.
 [[noreturn]] void ServeLoopShape(int udp, int tcp) {
   fcntl(udp, F_SETFL, fcntl(udp, F_GETFL) | O_NONBLOCK);
-  sigset_t blocked;
-  sigemptyset(&blocked);
+  const sigset_t wait_mask = BlockStopSignals();
+  unsigned passes = 0;
   timeval next_check;
   gettimeofday(&next_check, nullptr);
   next_check.tv_sec += kCheckPeriodSeconds;
@@ -77,11 +93,15 @@ void Answer(int fd, const unsigned char* request, size_t size, const sockaddr_in
   FD_SET(udp, &watched);
   FD_SET(tcp, &watched);
   for (;;) {
+    if (++passes % kPassesPerPendingLook == 0) {
+      sigset_t pending;
+      sigpending(&pending);
+    }
     fd_set readable = watched;
     timeval now;
     gettimeofday(&now, nullptr);
     const timespec wait = {next_check.tv_sec - now.tv_sec, 0};
-    const int ready = pselect(64, &readable, nullptr, nullptr, &wait, &blocked);
+    const int ready = pselect(64, &readable, nullptr, nullptr, &wait, &wait_mask);
     if (ready == 0) next_check.tv_sec += kCheckPeriodSeconds;
     if (ready > 0 && FD_ISSET(tcp, &readable)) close(accept(tcp, nullptr, nullptr));
     if (ready <= 0 || !FD_ISSET(udp, &readable)) continue;

@@ -1,8 +1,10 @@
 #include "daemon/event_loop.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -27,6 +29,15 @@ constexpr size_t kMaxReportChildren = 16;
 // Seconds that a status-report child has to build and write its report.
 constexpr unsigned kReportSeconds = 10;
 constexpr long kMicrosecondsPerSecond = 1000000;
+constexpr int kLowestNice = 19;
+// How long no input must come before freed memory is handed back.
+constexpr long kQuietNanoseconds = 50'000'000;
+
+// A report child at the lowest priority gives way to the daemon at once, so
+// that writing a long report does not slow the requests. SCHED_IDLE would give
+// way to every other process as well and could miss the child's deadline on
+// a busy machine.
+void YieldToTheDaemon() { setpriority(PRIO_PROCESS, 0, kLowestNice); }
 
 // The time from `now` until `due`: zero once the seconds of `now` have reached
 // those of `due` (the microseconds are not compared), else the difference,
@@ -56,6 +67,7 @@ int EventLoop::Run() {
     if (ready == 0) RunSweep();
     if (ready > 0 && readable_.Test(tcp_->Fd())) HandleStatusConnection();
     if (ready > 0 && readable_.Test(udp_->Fd())) HandleDatagram();
+    ReturnMemoryWhenQuiet();
   }
   Leave();
   return 0;
@@ -182,6 +194,7 @@ void EventLoop::WriteReportAndExit(Socket* connection, pid_t daemon_pid) {
   udp_->Close();
   tcp_->Close();
   close(reserve_fd_);
+  YieldToTheDaemon();
   daemon_->SendStatusReport(connection);
   exit(0);
 }
@@ -214,6 +227,15 @@ void EventLoop::HandleDatagram() {
   }
   if (length != 0) daemon_->Dispatch(sender, buffer, length);
   free(buffer);
+}
+
+// The wait lets the stop signals in, as the main wait does; any input or
+// signal puts the return off to a later pass.
+void EventLoop::ReturnMemoryWhenQuiet() {
+  if (!daemon_->HasMemoryToReturn()) return;
+  pollfd input[] = {{udp_->Fd(), POLLIN, 0}, {tcp_->Fd(), POLLIN, 0}};
+  const timespec quiet = {0, kQuietNanoseconds};
+  if (ppoll(input, 2, &quiet, WaitMask()) == 0) daemon_->ReturnMemory();
 }
 
 // A readable socket with no bytes pending holds a datagram of length zero.

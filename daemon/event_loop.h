@@ -54,6 +54,9 @@ class EventLoop {
   // ends the process.
   [[noreturn]] void WriteReportAndExit(Socket* connection, pid_t daemon_pid);
   void HandleDatagram();
+  // Lets the daemon hand freed memory back once no input has come for a
+  // moment after a large release.
+  void ReturnMemoryWhenQuiet();
   void DiscardEmptyDatagram();
   // Raises the fatal "locking/socket/readerror"; does not return.
   void ReadFailed();

@@ -35,7 +35,7 @@ const sigset_t* WaitMask();
 void ResetStopSignals();
 
 // True once a stop signal has arrived; a stop signal that is pending while
-// blocked is let in and counts.
+// blocked is let in and counts at every 32nd check.
 bool StopRequested();
 
 // Forms the fatal-signal message, naming this process's id, then catches

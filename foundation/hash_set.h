@@ -86,22 +86,18 @@ class HashSet {
 template <typename Entry, typename Traits>
 class HashSetIterator {
  public:
-  explicit HashSetIterator(const HashSet<Entry, Traits>& set);
-  // Releases the bucket iterator when the walk stopped before the end.
-  ~HashSetIterator();
-  HashSetIterator(const HashSetIterator&) = delete;
-  HashSetIterator& operator=(const HashSetIterator&) = delete;
+  explicit HashSetIterator(const HashSet<Entry, Traits>& set) : set_(&set) {}
 
   // Moves to the next element; false past the last one.
   bool Advance();
   // The element reached by the last Advance, which must have returned true.
-  Entry* Current() const;
+  Entry* Current() const { return set_->BucketAt(bucket_)[slot_]; }
 
  private:
   const HashSet<Entry, Traits>* set_;
   uint32_t bucket_ = 0;
-  // Iterator over the current bucket; created when the walk enters a bucket.
-  SlotVectorIterator<Entry*>* bucket_iterator_ = nullptr;
+  uint32_t slot_ = 0;
+  bool started_ = false;
 };
 
 // ---------------------------------------------------------------------------
@@ -188,9 +184,7 @@ bool HashSet<Entry, Traits>::PurgeOneIn(Bucket* bucket, uint32_t* budget) {
 template <typename Entry, typename Traits>
 void HashSet<Entry, Traits>::DeleteAll() {
   for (uint32_t index = 0; index < bucket_count_; ++index) {
-    Bucket& bucket = buckets_[index];
-    for (uint32_t slot = 0; slot < bucket.Count(); ++slot) delete bucket[slot];
-    bucket.Clear();
+    buckets_[index].Clear(ClearMode::kDeleteElements);
   }
   size_ = 0;
 }
@@ -222,31 +216,13 @@ void HashSet<Entry, Traits>::Grow() {
 }
 
 template <typename Entry, typename Traits>
-HashSetIterator<Entry, Traits>::HashSetIterator(const HashSet<Entry, Traits>& set) : set_(&set) {}
-
-template <typename Entry, typename Traits>
-HashSetIterator<Entry, Traits>::~HashSetIterator() {
-  delete bucket_iterator_;
-}
-
-template <typename Entry, typename Traits>
 bool HashSetIterator<Entry, Traits>::Advance() {
-  while (bucket_ < set_->BucketCount()) {
-    if (bucket_iterator_ == nullptr) {
-      bucket_iterator_ = new SlotVectorIterator<Entry*>(set_->BucketAt(bucket_));
-    }
-    if (bucket_iterator_->Advance()) return true;
-    delete bucket_iterator_;
-    bucket_iterator_ = nullptr;
-    ++bucket_;
+  if (started_) ++slot_;
+  started_ = true;
+  for (; bucket_ < set_->BucketCount(); ++bucket_, slot_ = 0) {
+    if (slot_ < set_->BucketAt(bucket_).Count()) return true;
   }
   return false;
-}
-
-template <typename Entry, typename Traits>
-Entry* HashSetIterator<Entry, Traits>::Current() const {
-  assert(bucket_iterator_ != nullptr);
-  return bucket_iterator_->Current();
 }
 
 }  // namespace klv

@@ -1,6 +1,7 @@
 #ifndef KLV_FOUNDATION_OUTPUT_STREAM_H_
 #define KLV_FOUNDATION_OUTPUT_STREAM_H_
 
+#include <cstddef>
 #include <cstdio>
 
 #include "foundation/ref_string.h"
@@ -18,6 +19,9 @@ class OutputStream {
   // Pushes buffered output out.
   virtual void Flush() = 0;
   virtual void Write(const TextBuffer& text) = 0;
+  // Writes `count` bytes, one character per byte (ISO 8859-1). Streams that
+  // write bytes take them as they are, without a detour through a text.
+  virtual void WriteBytes(const char* bytes, size_t count);
 };
 
 // Collects text in a TextBuffer of its own.
@@ -43,6 +47,7 @@ class FileStream : public OutputStream {
 
   void Flush() override;  // fflush
   void Write(const TextBuffer& text) override;
+  void WriteBytes(const char* bytes, size_t count) override;
 
  private:
   int charset_id_;
@@ -50,7 +55,8 @@ class FileStream : public OutputStream {
 };
 
 OutputStream& operator<<(OutputStream& out, const TextBuffer& text);
-// A NUL-terminated literal, decoded as UTF-8 (id 29).
+// A NUL-terminated literal, decoded as UTF-8 (id 29); an ASCII one is written
+// as its bytes.
 OutputStream& operator<<(OutputStream& out, const char* literal);
 // A byte string, one character per byte, so that its bytes come out unchanged.
 OutputStream& operator<<(OutputStream& out, const RefString& bytes);

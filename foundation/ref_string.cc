@@ -91,8 +91,11 @@ uint32_t RefString::Hash() const {
 
 bool RefString::Equals(const RefString& other) const {
   if (body_ == other.body_) return true;
-  if (Length() != other.Length()) return false;
-  return std::memcmp(Text(), other.Text(), Length()) == 0;
+  return Equals(std::string_view(other.Text(), other.Length()));
+}
+
+bool RefString::Equals(std::string_view bytes) const {
+  return Length() == bytes.size() && std::memcmp(Text(), bytes.data(), bytes.size()) == 0;
 }
 
 RefString::Body* RefString::NewBody(const char* bytes, uint32_t count) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace klv {
 
@@ -18,6 +19,8 @@ class RefString {
   RefString() = default;
   // New body: capacity count + 7, the bytes copied, a NUL behind them.
   RefString(const char* bytes, uint32_t count);
+  explicit RefString(std::string_view bytes)
+      : RefString(bytes.data(), static_cast<uint32_t>(bytes.size())) {}
   // From a NUL-terminated text; the length is taken with strlen.
   explicit RefString(const char* text);
   RefString(const RefString& other);
@@ -42,6 +45,8 @@ class RefString {
 
   // Same body, or same length and same bytes.
   bool Equals(const RefString& other) const;
+  // The same bytes as `bytes`.
+  bool Equals(std::string_view bytes) const;
   bool operator==(const RefString& other) const { return Equals(other); }
   // h = h * 9 + byte over the bytes, with 32-bit wrap; 0 for the empty string.
   uint32_t Hash() const;

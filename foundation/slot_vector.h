@@ -3,154 +3,143 @@
 
 #include <cassert>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
-
-#include "foundation/bit_set.h"
 
 namespace klv {
 
-// An array of slots whose occupied slots are marked in a BitSet. Elements are
-// held inline (a pointer for the tables, a whole record for the lock lists)
-// and kept in insertion order: a removal closes the gap, so after every
-// operation the elements occupy slots 0 to Count() - 1 and End() == Count().
-// The slot array grows in steps of kStep slots and never shrinks.
+// Whether clearing a vector of pointers also deletes the elements.
+enum class ClearMode { kKeepElements, kDeleteElements };
+
+// An array of slots holding its elements inline (a pointer for the tables, a
+// whole record for the lock lists) in insertion order: a removal closes the
+// gap, so the elements always occupy slots 0 to Count() - 1. The array grows
+// by half (doubling while small) when full, shrinks to twice the count when a
+// removal leaves it three-quarters empty, and is released when the last
+// element goes, so that an emptied table hands its memory back.
 template <typename T>
 class SlotVector {
  public:
-  static constexpr uint32_t kStep = 10;
-  static constexpr uint32_t kInitialBits = 256;
-
-  SlotVector();
-  ~SlotVector();
+  SlotVector() = default;
+  ~SlotVector() { delete[] slots_; }
   SlotVector(const SlotVector&) = delete;
   SlotVector& operator=(const SlotVector&) = delete;
 
-  // Stores the element at slot End(); grows the array to
-  // (End() / kStep + 1) * kStep slots first when it is full.
+  // Stores the element at slot Count(), growing the array first when full.
   void Append(const T& element);
   // Removes the element at `slot` (which must be below Count()) and moves the
   // later ones down one place in their order.
   void RemoveAt(uint32_t slot);
-  // Empties the vector; the capacity is kept.
-  void Clear();
+  // Removes every element for which `matches` holds (asked once per element,
+  // in slot order); the others keep their order. Returns how many went.
+  template <typename Predicate>
+  uint32_t RemoveWhere(Predicate matches);
+  // Reallocates the slot array to `slots` slots, keeping min(old, new) slots.
+  // Elements in slots cut off by a shrink are dropped (pointers not deleted).
+  void Resize(uint32_t slots);
+  // Empties the vector and releases its array; kDeleteElements (pointer
+  // elements only) deletes every element in slot order first.
+  void Clear(ClearMode mode);
 
   uint32_t Count() const { return count_; }
   bool IsEmpty() const { return count_ == 0; }
-  uint32_t End() const { return end_; }
-  bool IsPresent(uint32_t slot) const { return present_.Test(slot); }
+  uint32_t Capacity() const { return capacity_; }
 
-  // The element at `slot`, which must be below End().
+  // The element at `slot`, which must be below Count().
   T& operator[](uint32_t slot);
   const T& operator[](uint32_t slot) const;
+  const T* begin() const { return slots_; }
+  const T* end() const { return slots_ + count_; }
 
  private:
-  // Reallocates the slot array to `slots` slots, which must not be fewer.
-  void Resize(uint32_t slots);
+  static constexpr uint32_t kFirstCapacity = 2;
+  static constexpr uint32_t kDoublingLimit = 8;
 
-  uint32_t capacity_ = 0;
+  // Halves a mostly empty array, releases an empty one.
+  void ShrinkIfSparse();
+
   T* slots_ = nullptr;  // new[], released with delete[]
-  BitSet present_;
-  uint32_t end_ = 0;
   uint32_t count_ = 0;
-};
-
-// Visits the present slots of a vector in slot order. The vector must not
-// change while the iterator is in use.
-template <typename T>
-class SlotVectorIterator {
- public:
-  explicit SlotVectorIterator(const SlotVector<T>& vector);
-
-  // Moves to the next present slot; false when every element was visited.
-  bool Advance();
-  uint32_t Slot() const { return slot_; }
-  const T& Current() const { return (*vector_)[slot_]; }
-
- private:
-  const SlotVector<T>* vector_;
-  uint32_t visited_ = 0;
-  uint32_t slot_ = 0;
+  uint32_t capacity_ = 0;
 };
 
 // ---------------------------------------------------------------------------
 // Implementation.
 
 template <typename T>
-SlotVector<T>::SlotVector() : present_(kInitialBits) {}
-
-template <typename T>
-SlotVector<T>::~SlotVector() {
-  delete[] slots_;
-}
-
-template <typename T>
 void SlotVector<T>::Append(const T& element) {
-  if (end_ >= capacity_) Resize((end_ / kStep + 1) * kStep);
-  slots_[end_] = element;
-  present_.Set(end_);
-  ++end_;
-  ++count_;
+  if (count_ == capacity_) {
+    const uint32_t grown = capacity_ < kDoublingLimit ? capacity_ * 2 : capacity_ + capacity_ / 2;
+    Resize(grown < kFirstCapacity ? kFirstCapacity : grown);
+  }
+  slots_[count_++] = element;
 }
 
 template <typename T>
 void SlotVector<T>::RemoveAt(uint32_t slot) {
-  assert(slot < count_ && end_ == count_);
-  present_.Clear(slot);
-  --count_;
-  // Each later element moves down with its bit, so the vacated last slot
-  // ends with its bit cleared.
-  for (uint32_t next = slot + 1; next < end_; ++next) {
-    slots_[next - 1] = std::move(slots_[next]);
-    present_.Set(next - 1);
-    present_.Clear(next);
-  }
+  assert(slot < count_);
+  for (uint32_t next = slot + 1; next < count_; ++next) slots_[next - 1] = std::move(slots_[next]);
   // Reset the vacated slot so that a record does not keep what it holds.
-  slots_[end_ - 1] = T();
-  end_ = count_;
+  slots_[--count_] = T();
+  ShrinkIfSparse();
+}
+
+template <typename T>
+template <typename Predicate>
+uint32_t SlotVector<T>::RemoveWhere(Predicate matches) {
+  uint32_t kept = 0;
+  for (uint32_t slot = 0; slot < count_; ++slot) {
+    if (matches(slots_[slot])) continue;
+    if (kept != slot) slots_[kept] = std::move(slots_[slot]);
+    ++kept;
+  }
+  const uint32_t removed = count_ - kept;
+  for (uint32_t slot = kept; slot < count_; ++slot) slots_[slot] = T();
+  count_ = kept;
+  if (removed > 0) ShrinkIfSparse();
+  return removed;
 }
 
 template <typename T>
 void SlotVector<T>::Resize(uint32_t slots) {
-  assert(slots >= capacity_);
-  T* resized = new T[slots];
-  for (uint32_t i = 0; i < capacity_; ++i) resized[i] = std::move(slots_[i]);
+  T* resized = slots > 0 ? new T[slots] : nullptr;
+  if (count_ > slots) count_ = slots;
+  for (uint32_t i = 0; i < count_; ++i) resized[i] = std::move(slots_[i]);
   delete[] slots_;
   slots_ = resized;
   capacity_ = slots;
 }
 
 template <typename T>
-void SlotVector<T>::Clear() {
-  for (uint32_t i = 0; i < end_; ++i) {
-    slots_[i] = T();
-    present_.Clear(i);
+void SlotVector<T>::Clear(ClearMode mode) {
+  if constexpr (std::is_pointer_v<T>) {
+    if (mode == ClearMode::kDeleteElements) {
+      for (uint32_t i = 0; i < count_; ++i) delete slots_[i];
+    }
   }
-  end_ = count_ = 0;
+  count_ = 0;
+  Resize(0);
+}
+
+template <typename T>
+void SlotVector<T>::ShrinkIfSparse() {
+  if (count_ == 0) {
+    Resize(0);
+  } else if (capacity_ > kDoublingLimit && count_ <= capacity_ / 4) {
+    Resize(count_ * 2);
+  }
 }
 
 template <typename T>
 T& SlotVector<T>::operator[](uint32_t slot) {
-  assert(slot < end_);
+  assert(slot < count_);
   return slots_[slot];
 }
 
 template <typename T>
 const T& SlotVector<T>::operator[](uint32_t slot) const {
-  assert(slot < end_);
+  assert(slot < count_);
   return slots_[slot];
-}
-
-template <typename T>
-SlotVectorIterator<T>::SlotVectorIterator(const SlotVector<T>& vector) : vector_(&vector) {}
-
-template <typename T>
-bool SlotVectorIterator<T>::Advance() {
-  if (visited_ >= vector_->Count()) return false;
-  slot_ = visited_ == 0 ? 0 : slot_ + 1;
-  while (slot_ < vector_->End() && !vector_->IsPresent(slot_)) ++slot_;
-  assert(slot_ < vector_->End());
-  ++visited_;
-  return true;
 }
 
 }  // namespace klv

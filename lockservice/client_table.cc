@@ -35,13 +35,10 @@ ClientKey ClientEntry::Key() const {
 }
 
 void WriteNameField(OutputStream& out, const RefString& name) {
-  if (name.Length() >= kNameFieldWidth) {
-    out << RefString(name.Text(), kNameFieldWidth);
-    return;
-  }
-  out << name;
   static const char kBlanks[] = "               ";  // kNameFieldWidth blanks
-  out << RefString(kBlanks, kNameFieldWidth - name.Length());
+  const uint32_t length = name.Length() < kNameFieldWidth ? name.Length() : kNameFieldWidth;
+  out.WriteBytes(name.Text(), length);
+  out.WriteBytes(kBlanks, kNameFieldWidth - length);
 }
 
 }  // namespace klv

@@ -14,12 +14,12 @@ bool LockManagerDaemon::HandleClientEnd(const SocketAddress& sender, const LockR
   return true;
 }
 
-void LockManagerDaemon::RegisterClient(const ClientKey& key, const RefString& name) {
+void LockManagerDaemon::RegisterClient(const ClientKey& key, std::string_view name) {
   ClientEntry* client = clients_.Find(key);
   if (client == nullptr) {
-    clients_.Insert(new ClientEntry(key, name));
+    clients_.Insert(new ClientEntry(key, RefString(name)));
   } else if (!client->name.Equals(name)) {
-    client->name = name;
+    client->name = RefString(name);
   }
 }
 
@@ -31,11 +31,16 @@ void LockManagerDaemon::MarkAlive(const ClientKey& key) {
 }
 
 void LockManagerDaemon::EndClient(const ClientKey& key) {
+  const uint32_t holder = holders_.Find(key);
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
     FileEntry* file = it.Current();
-    RemoveMatching(&file->ranges, [&key](const RecordLock& lock) { return lock.client == key; });
+    if (holder != HolderTable::kNone) {
+      holders_.Release(holder, file->ranges.RemoveWhere([holder](const RecordLock& lock) {
+        return lock.holder == holder;
+      }));
+    }
     ReleaseOplocksWhere(file, [&key](const OpLock& oplock) { return oplock.client == key; });
-    RemoveMatching(&file->opens, [&key](const OpenLock& open) { return open.client == key; });
+    file->opens.RemoveWhere([&key](const OpenLock& open) { return open.client == key; });
   }
   // The wait table must not change while it is walked: collect, then withdraw.
   std::vector<uint32_t> own_waits;

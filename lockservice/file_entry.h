@@ -8,6 +8,7 @@
 #include "foundation/ref_string.h"
 #include "foundation/slot_vector.h"
 #include "lockservice/client_table.h"
+#include "lockservice/range_list.h"
 
 namespace klv {
 
@@ -38,32 +39,6 @@ struct OpLock {
   uint32_t id = 0;
 };
 
-// A locked byte range [offset, offset + length), the end wrapping modulo 2^32.
-struct RecordLock {
-  ClientKey client;
-  uint32_t offset = 0;
-  uint32_t length = 0;
-  uint32_t clientfid = 0;
-  uint32_t shared = 0;  // 1 for a shared (read) lock, 0 for an exclusive one
-};
-
-// True when the two ranges share a byte: with low the larger offset and high
-// the smaller end, both in wrapping 32-bit arithmetic, when high > low. A
-// range whose end wraps past zero therefore overlaps nothing.
-inline bool RangesOverlap(const RecordLock& candidate, const RecordLock& held) {
-  const uint32_t low = candidate.offset > held.offset ? candidate.offset : held.offset;
-  const uint32_t candidate_end = candidate.offset + candidate.length;
-  const uint32_t held_end = held.offset + held.length;
-  const uint32_t high = candidate_end < held_end ? candidate_end : held_end;
-  return high > low;
-}
-
-// True when `candidate` may not be granted beside `held`: their ranges
-// overlap and they are not both shared. A client's own locks count too.
-inline bool RangesConflict(const RecordLock& candidate, const RecordLock& held) {
-  return RangesOverlap(candidate, held) && !(candidate.shared && held.shared);
-}
-
 // Everything the daemon holds about one file. The file table owns the entry;
 // the entry owns its three lock lists, each in the order of its grants.
 struct FileEntry {
@@ -78,7 +53,7 @@ struct FileEntry {
   RefString path;  // from the last granted open that carried one
   SlotVector<OpLock> oplocks;
   SlotVector<OpenLock> opens;
-  SlotVector<RecordLock> ranges;
+  RangeList ranges;
 };
 
 // Bucket by the XOR of the two words.
@@ -91,20 +66,6 @@ struct FileTraits {
 };
 
 using FileTable = HashSet<FileEntry, FileTraits>;
-
-// Removes every record of `list` for which `matches` holds; the others keep
-// their order.
-template <typename Lock, typename Predicate>
-void RemoveMatching(SlotVector<Lock>* list, Predicate matches) {
-  uint32_t slot = 0;
-  while (slot < list->Count()) {
-    if (matches((*list)[slot])) {
-      list->RemoveAt(slot);
-    } else {
-      ++slot;
-    }
-  }
-}
 
 }  // namespace klv
 

@@ -1,5 +1,7 @@
 #include "lockservice/lock_manager_daemon.h"
 
+#include <malloc.h>
+
 #include <cassert>
 
 namespace klv {
@@ -8,6 +10,8 @@ namespace {
 
 // Every table starts with 4 buckets; only the sweep sets a purge limit.
 constexpr uint32_t kInitialBuckets = 4;
+// Releases of fewer byte-range locks than this leave the heap as it is.
+constexpr uint64_t kLocksWorthReturning = 65536;
 
 }  // namespace
 
@@ -77,6 +81,15 @@ bool LockManagerDaemon::HandleProbe(const SocketAddress& sender, const LockReque
   return false;
 }
 
+bool LockManagerDaemon::HasMemoryToReturn() const {
+  return holders_.Peak() - holders_.Held() >= kLocksWorthReturning;
+}
+
+void LockManagerDaemon::ReturnMemory() {
+  malloc_trim(0);
+  holders_.ResetPeak();
+}
+
 void LockManagerDaemon::SendReply(const SocketAddress& to, LockReply* reply) {
   SendDatagram(to, reply->Bytes(), Writer::kSynchronous);
 }
@@ -89,11 +102,11 @@ void LockManagerDaemon::SendAsync(const SocketAddress& to, LockReply* message) {
   SendDatagram(to, message->Bytes(), Writer::kAsynchronous);
 }
 
-void LockManagerDaemon::SendDatagram(const SocketAddress& to, const RefString& bytes,
+void LockManagerDaemon::SendDatagram(const SocketAddress& to, std::string_view bytes,
                                      Writer writer) {
   assert(udp_ != nullptr);
   long count = 0;
-  const TransferStatus status = udp_->SendTo(bytes.Text(), bytes.Length(), &count, to);
+  const TransferStatus status = udp_->SendTo(bytes.data(), bytes.size(), &count, to);
   const bool synchronous = writer == Writer::kSynchronous;
   if (status == TransferStatus::kEndOfFile) {
     TextBuilder message;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "foundation/socket.h"
 #include "lockservice/client_table.h"
 #include "lockservice/file_entry.h"
+#include "lockservice/holder_table.h"
 #include "lockservice/lock_request.h"
 #include "lockservice/wait_table.h"
 
@@ -53,12 +55,19 @@ class LockManagerDaemon {
   void WriteStatusReport(OutputStream& out);
   // Checks that the tables hold together: keys unique and found where they
   // belong, counts matching the lists, no two opens of a file or granted
-  // ranges in conflict, every wait's holders present and listing the wait.
+  // ranges in conflict, every range seen by the conflict check and counted by
+  // its holder, every wait's holders present and listing the wait.
   // Returns a description of the first violation, or an empty text.
   RefString CheckTables() const;
   // Builds the status report and writes it to `connection`, abandoning the
   // rest silently when the connection fails or closes.
   void SendStatusReport(Descriptor* connection);
+  // True when many byte-range locks were released since the last
+  // ReturnMemory, whose memory the process may still keep.
+  bool HasMemoryToReturn() const;
+  // Hands the free memory of the heap back to the system. Takes a while on a
+  // large heap: best called when no request is waiting.
+  void ReturnMemory();
 
  private:
   // Which reply writer sends a datagram; it decides the failure events.
@@ -69,7 +78,7 @@ class LockManagerDaemon {
   void SendReply(const SocketAddress& to, LockReply* reply);
   void SendReply(const SocketAddress& to, LockRequest* message);
   void SendAsync(const SocketAddress& to, LockReply* message);
-  void SendDatagram(const SocketAddress& to, const RefString& bytes, Writer writer);
+  void SendDatagram(const SocketAddress& to, std::string_view bytes, Writer writer);
 
   // Handlers: each fills the reply and answers whether it is due.
   bool HandleOpen(const SocketAddress& sender, const LockRequest& request, LockReply* reply);
@@ -83,7 +92,7 @@ class LockManagerDaemon {
 
   // clients.cc
   // Creates the client's entry in state OK, or gives an existing one `name`.
-  void RegisterClient(const ClientKey& key, const RefString& name);
+  void RegisterClient(const ClientKey& key, std::string_view name);
   // The client answered a probe: activity tick = now, state OK.
   void MarkAlive(const ClientKey& key);
   // Releases every lock and wait of the client; its entry stays.
@@ -122,11 +131,18 @@ class LockManagerDaemon {
   // waited for it last.
   void ReleaseOplockAndSendRetries(FileEntry* file, uint32_t slot);
 
+  // table_check.cc
+  RefString CheckHolders() const;
+
   // status_report.cc
   void WriteClientLines(OutputStream& out);
-  void WriteFileLines(OutputStream& out, const FileEntry& file);
+  // `holder_names` gives the name of each byte-range lock's holder.
+  void WriteFileLines(OutputStream& out, const FileEntry& file,
+                      const std::vector<RefString>& holder_names);
   // The name of the client holding a lock; empty when it has no entry.
   RefString HolderName(const ClientKey& holder) const;
+  // HolderName of every number in the holder table, by number.
+  std::vector<RefString> HolderNames() const;
 
   EventLog log_;
   Socket* udp_ = nullptr;
@@ -134,6 +150,7 @@ class LockManagerDaemon {
   int timeout_;
   ClientTable clients_;
   FileTable files_;
+  HolderTable holders_;  // the clients that hold byte-range locks
   WaitTable waits_;
   std::function<uint32_t()> random_ = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t sweep_tick_ = 1;

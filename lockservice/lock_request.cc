@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 
 namespace klv {
 
@@ -32,45 +34,60 @@ class WireReader {
   }
 
   // The fixed name field: up to the first NUL, at most 16 bytes, fewer when
-  // the datagram ends inside the field.
-  RefString Name() {
+  // the datagram ends inside the field. Answers where its bytes lie.
+  std::pair<uint32_t, uint32_t> Name() {
     const size_t available = Remaining() < kClientNameSize ? Remaining() : kClientNameSize;
     size_t length = 0;
     while (length < available && data_[position_ + length] != 0) ++length;
     const size_t start = position_;
     Skip(available);
-    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
   }
 
-  // A NUL-terminated string. Without a NUL before the end it is invalid: the
-  // result is empty and the position stays where it was.
-  RefString String() {
+  // A NUL-terminated string. Without a NUL before the end it is invalid: it
+  // reads as empty and the position stays where it was.
+  std::pair<uint32_t, uint32_t> String() {
     const void* nul = Remaining() == 0 ? nullptr : memchr(data_ + position_, 0, Remaining());
-    if (nul == nullptr) return RefString();
+    if (nul == nullptr) return {0, 0};
     const size_t length = static_cast<const unsigned char*>(nul) - (data_ + position_);
     const size_t start = position_;
     Skip(length + 1);
-    return length == 0 ? RefString() : RefString(Chars(start), static_cast<uint32_t>(length));
+    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
   }
 
  private:
   size_t Remaining() const { return size_ - position_; }
   void Skip(size_t count) { position_ += count < Remaining() ? count : Remaining(); }
-  const char* Chars(size_t offset) const { return reinterpret_cast<const char*>(data_ + offset); }
 
   const unsigned char* data_;
   size_t size_;
   size_t position_ = 0;
 };
 
-void PutWord(std::string* buffer, size_t offset, uint32_t word) {
-  for (int i = 0; i < 4; ++i) (*buffer)[offset + i] = static_cast<char>(word >> (8 * i));
+void PutWord(char* buffer, size_t offset, uint32_t word) {
+  for (int i = 0; i < 4; ++i) buffer[offset + i] = static_cast<char>(word >> (8 * i));
 }
 
 }  // namespace
 
+char* DatagramBytes::Reset(size_t size) {
+  size_ = size;
+  if (size <= kInline) {
+    memset(inline_, 0, size);
+    return inline_;
+  }
+  heap_.assign(size, '\0');
+  return heap_.data();
+}
+
+void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
+  char* target = Reset(size);
+  if (size > 0) memcpy(target, bytes, size);
+}
+
 void LockRequest::Decode(const unsigned char* data, size_t size) {
   WireReader reader(data, size);
+  clientname_ = path_ = Span();
   code_ = reader.Word();
   tag_ = reader.Word();
   session_ = reader.Word();
@@ -82,8 +99,8 @@ void LockRequest::Decode(const unsigned char* data, size_t size) {
     case REQ_OPEN:
       openmode_ = reader.Word();
       oplockwanted_ = reader.Word();
-      clientname_ = reader.Name();
-      path_ = reader.String();
+      std::tie(clientname_.at, clientname_.length) = reader.Name();
+      std::tie(path_.at, path_.length) = reader.String();
       break;
     case REQ_LOCK:
       offset_ = reader.Word();
@@ -101,25 +118,24 @@ void LockRequest::Decode(const unsigned char* data, size_t size) {
     default:
       break;
   }
-  bytes_ = size == 0 ? RefString()
-                     : RefString(reinterpret_cast<const char*>(data), static_cast<uint32_t>(size));
+  bytes_.Assign(data, size);
   needs_encoding_ = false;
 }
 
-const RefString& LockRequest::Bytes() {
+std::string_view LockRequest::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_;
+  return bytes_.View();
 }
 
 void LockRequest::Encode() {
-  std::string buffer(code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize, '\0');
+  clientname_ = path_ = Span();
+  char* buffer = bytes_.Reset(code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize);
   const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
-  for (size_t i = 0; i < 7; ++i) PutWord(&buffer, 4 * i, head[i]);
+  for (size_t i = 0; i < 7; ++i) PutWord(buffer, 4 * i, head[i]);
   if (code_ == REQ_PROBE) {
-    PutWord(&buffer, 28, version_);
-    PutWord(&buffer, 32, wantreply_);
+    PutWord(buffer, 28, version_);
+    PutWord(buffer, 32, wantreply_);
   }
-  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
   needs_encoding_ = false;
 }
 
@@ -130,7 +146,7 @@ void LockRequest::Encode() {
 //                       28 holder's session
 //   MSG_OPEN_RETRY      16 the waiter's session
 //   REPLY_HALFWORD      16 one 16-bit word
-// The buffer starts zeroed, so bytes no field covers are 0.
+// The bytes start zeroed, so bytes no field covers are 0.
 size_t LockReply::LengthFor(uint32_t code) {
   switch (code) {
     case REQ_OPEN:
@@ -145,9 +161,9 @@ size_t LockReply::LengthFor(uint32_t code) {
   }
 }
 
-const RefString& LockReply::Bytes() {
+std::string_view LockReply::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_;
+  return bytes_.View();
 }
 
 void LockReply::SetStatus(ReplyStatus status) {
@@ -175,16 +191,15 @@ void LockReply::SetBodyWord(int index, uint32_t word) {
 
 void LockReply::Encode() {
   const size_t length = LengthFor(code_);
-  std::string buffer(length, '\0');
-  PutWord(&buffer, 0, code_);
-  PutWord(&buffer, 4, tag_);
-  PutWord(&buffer, 8, static_cast<uint32_t>(status_));
-  PutWord(&buffer, 12, value_);
+  char* buffer = bytes_.Reset(length);
+  PutWord(buffer, 0, code_);
+  PutWord(buffer, 4, tag_);
+  PutWord(buffer, 8, static_cast<uint32_t>(status_));
+  PutWord(buffer, 12, value_);
   // The half word of REPLY_HALFWORD stays 0: no whole body word fits.
   for (size_t offset = kReplyHeadSize; offset + 4 <= length; offset += 4) {
-    PutWord(&buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
+    PutWord(buffer, offset, body_[(offset - kReplyHeadSize) / 4]);
   }
-  bytes_ = RefString(buffer.data(), static_cast<uint32_t>(buffer.size()));
   needs_encoding_ = false;
 }
 

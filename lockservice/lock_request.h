@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "foundation/ref_string.h"
 
@@ -45,11 +47,29 @@ constexpr size_t kReplyHeadSize = 16;
 // The client name field of REQ_OPEN always occupies this many bytes.
 constexpr size_t kClientNameSize = 16;
 
+// The bytes of one datagram. Short ones (every reply, and every request but
+// an open with a long path or a text) are held inline, so that handling them
+// allocates nothing.
+class DatagramBytes {
+ public:
+  // Room for `size` bytes, all zero, to be filled in.
+  char* Reset(size_t size);
+  void Assign(const unsigned char* bytes, size_t size);
+  std::string_view View() const { return {size_ <= kInline ? inline_ : heap_.data(), size_}; }
+
+ private:
+  static constexpr size_t kInline = 128;
+
+  char inline_[kInline];
+  std::string heap_;
+  size_t size_ = 0;
+};
+
 // One request datagram: a head of seven words and a body that depends on the
 // code. The fields are read through the getters; every setter marks the
 // record for re-encoding, and Bytes() rebuilds the bytes from the fields when
 // marked. The daemon itself only ever sends probes, so only the head and the
-// probe's body are encoded. Copies share their bytes.
+// probe's body are encoded.
 class LockRequest {
  public:
   LockRequest() = default;
@@ -59,8 +79,9 @@ class LockRequest {
   // REQ_TEXT is not kept.
   void Decode(const unsigned char* data, size_t size);
   // The datagram: the decoded bytes, or the head (and a probe's body)
-  // encoded afresh after a change.
-  const RefString& Bytes();
+  // encoded afresh after a change. The view lasts until the record changes
+  // or goes.
+  std::string_view Bytes();
 
   uint32_t Code() const { return code_; }
   uint32_t Tag() const { return tag_; }
@@ -71,8 +92,11 @@ class LockRequest {
   uint32_t WaitId() const { return waitid_; }
   uint32_t OpenMode() const { return openmode_; }
   uint32_t OplockWanted() const { return oplockwanted_; }
-  const RefString& ClientName() const { return clientname_; }
-  const RefString& Path() const { return path_; }
+  // The name and the path of REQ_OPEN, viewed in the request's bytes: they
+  // last as long as Bytes() does, and read as empty once the request is
+  // encoded afresh.
+  std::string_view ClientName() const { return Field(clientname_); }
+  std::string_view Path() const { return Field(path_); }
   uint32_t Offset() const { return offset_; }
   uint32_t Length() const { return length_; }
   uint32_t LockType() const { return locktype_; }
@@ -91,6 +115,13 @@ class LockRequest {
   }
   void Encode();
 
+  // Where a string field lies in the decoded bytes.
+  struct Span {
+    uint32_t at = 0;
+    uint32_t length = 0;
+  };
+  std::string_view Field(Span span) const { return bytes_.View().substr(span.at, span.length); }
+
   uint32_t code_ = 0;
   uint32_t tag_ = 0;
   uint32_t session_ = 0;
@@ -100,15 +131,15 @@ class LockRequest {
   uint32_t waitid_ = 0;
   uint32_t openmode_ = 0;
   uint32_t oplockwanted_ = 0;
-  RefString clientname_;
-  RefString path_;
+  Span clientname_;
+  Span path_;
   uint32_t offset_ = 0;
   uint32_t length_ = 0;
   uint32_t locktype_ = 0;
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
-  RefString bytes_;
+  DatagramBytes bytes_;
 };
 
 // One reply datagram, or one of the daemon's own messages: a head of four
@@ -122,8 +153,9 @@ class LockReply {
   // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD (its 16-bit word is always
   // 0), 16 for every other code.
   static size_t LengthFor(uint32_t code);
-  // The datagram, rebuilt from the fields when one changed since the last call.
-  const RefString& Bytes();
+  // The datagram, rebuilt from the fields when one changed since the last
+  // call. The view lasts until the record changes or goes.
+  std::string_view Bytes();
 
   void SetStatus(ReplyStatus status);
   void SetValue(uint32_t value);
@@ -146,7 +178,7 @@ class LockReply {
   uint32_t value_ = 0;
   uint32_t body_[kBodyWords] = {};
   bool needs_encoding_ = true;
-  RefString bytes_;
+  DatagramBytes bytes_;
 };
 
 }  // namespace klv

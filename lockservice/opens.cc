@@ -61,7 +61,10 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
     ProbeIfSilent(requester);
   }
   file->opens.Append(candidate);
-  if (!request.Path().IsEmpty()) file->path = request.Path();
+  // The same path again leaves the entry's string as it is.
+  if (!request.Path().empty() && !file->path.Equals(request.Path())) {
+    file->path = RefString(request.Path());
+  }
   return true;
 }
 
@@ -71,13 +74,15 @@ bool LockManagerDaemon::HandleClose(const SocketAddress& sender, const LockReque
   if (file == nullptr) return true;
   const ClientKey client = ClientKey::Of(sender, request.Session());
   const uint32_t clientfid = request.Clientfid();
-  RemoveMatching(&file->ranges, [&](const RecordLock& lock) {
-    return lock.client == client && lock.clientfid == clientfid;
-  });
+  const uint32_t holder = holders_.Find(client);
+  if (holder != HolderTable::kNone) {
+    holders_.Release(holder, file->ranges.RemoveWhere([&](const RecordLock& lock) {
+      return lock.holder == holder && lock.clientfid == clientfid;
+    }));
+  }
   ReleaseOplocks(file, client, clientfid);
-  RemoveMatching(&file->opens, [&](const OpenLock& open) {
-    return open.client == client && open.clientfid == clientfid;
-  });
+  file->opens.RemoveWhere(
+      [&](const OpenLock& open) { return open.client == client && open.clientfid == clientfid; });
   return true;
 }
 

@@ -15,20 +15,21 @@ bool LockManagerDaemon::HandleLock(const SocketAddress& sender, const LockReques
                                    LockReply* reply) {
   // A lock may come before any open of the file.
   FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
-  const RecordLock candidate{ClientKey::Of(sender, request.Session()), request.Offset(),
-                             request.Length(), request.Clientfid(), request.LockType() & 1};
+  RecordLock candidate{.offset = request.Offset(),
+                       .length = request.Length(),
+                       .clientfid = request.Clientfid(),
+                       .shared = request.LockType() & 1};
   if (request.LockType() == kUnimplementedLockType) {
     TextBuilder message;
     message << "A call was made to an unimplemented function.\n"
                "A lock transaction has failed.Check the installation is not corrupted";
     log_.Error("locking/api/notimplemented", message, Severity::kRecoverable);
   }
-  for (uint32_t slot = 0; slot < file->ranges.Count(); ++slot) {
-    if (RangesConflict(candidate, file->ranges[slot])) {
-      reply->SetStatus(ReplyStatus::kConflict);
-      return true;
-    }
+  if (file->ranges.Conflicts(candidate)) {
+    reply->SetStatus(ReplyStatus::kConflict);
+    return true;
   }
+  candidate.holder = holders_.Acquire(ClientKey::Of(sender, request.Session()));
   file->ranges.Append(candidate);
   return true;
 }
@@ -41,16 +42,16 @@ bool LockManagerDaemon::HandleUnlock(const SocketAddress& sender, const LockRequ
     return true;
   }
   // Only the exact range of one held lock matches; the shared mark is not compared.
-  const ClientKey client = ClientKey::Of(sender, request.Session());
-  for (uint32_t slot = 0; slot < file->ranges.Count(); ++slot) {
-    const RecordLock& held = file->ranges[slot];
-    if (held.offset == request.Offset() && held.length == request.Length() &&
-        held.client == client && held.clientfid == request.Clientfid()) {
-      file->ranges.RemoveAt(slot);
-      return true;
-    }
+  const uint32_t holder = holders_.Find(ClientKey::Of(sender, request.Session()));
+  if (holder == HolderTable::kNone ||
+      !file->ranges.RemoveFirst({.offset = request.Offset(),
+                                 .length = request.Length(),
+                                 .clientfid = request.Clientfid(),
+                                 .holder = holder})) {
+    reply->SetStatus(ReplyStatus::kNotFound);
+    return true;
   }
-  reply->SetStatus(ReplyStatus::kNotFound);
+  holders_.Release(holder);
   return true;
 }
 

@@ -1,5 +1,6 @@
 // The status report: a banner, the client table and every file that holds a
 // lock, closed by a line of totals.
+#include "foundation/descriptor_stream.h"
 #include "foundation/time_stamp.h"
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
@@ -33,6 +34,7 @@ void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
   WriteClientLines(out);
   out << "\n== File lock information\n";
   ReportTotals totals;
+  const std::vector<RefString> holder_names = HolderNames();
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
     const FileEntry& file = *it.Current();
     if (file.IsIdle()) continue;
@@ -40,7 +42,7 @@ void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
     totals.open_locks += file.opens.Count();
     totals.record_locks += file.ranges.Count();
     totals.oplocks += file.oplocks.Count();
-    WriteFileLines(out, file);
+    WriteFileLines(out, file, holder_names);
   }
   out << "\nFiles: " << files_.Size() << " Used: " << totals.files_used
       << " OpenLocks: " << totals.open_locks << " RecordLocks: " << totals.record_locks
@@ -59,7 +61,8 @@ void LockManagerDaemon::WriteClientLines(OutputStream& out) {
   }
 }
 
-void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file) {
+void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
+                                       const std::vector<RefString>& holder_names) {
   out << "[" << file.key.hi << "," << file.key.lo << "] " << file.path << "\n";
   if (!file.opens.IsEmpty()) out << "  Open locks: [clientfid type]\n";
   for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
@@ -78,13 +81,12 @@ void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file)
     out << " " << oplock.clientfid << " " << oplock.type << "\n";
   }
   if (!file.ranges.IsEmpty()) out << "  Record locks: [clientfid type offset length]\n";
-  for (uint32_t slot = 0; slot < file.ranges.Count(); ++slot) {
-    const RecordLock& range = file.ranges[slot];
+  file.ranges.ForEach([&](const RecordLock& range) {
     out << "    ";
-    WriteNameField(out, HolderName(range.client));
-    out << " " << range.clientfid << " " << range.shared << " " << range.offset << " "
+    WriteNameField(out, holder_names[range.holder]);
+    out << " " << range.clientfid << " " << unsigned{range.shared} << " " << range.offset << " "
         << range.length << "\n";
-  }
+  });
   out << "\n";
 }
 
@@ -93,20 +95,17 @@ RefString LockManagerDaemon::HolderName(const ClientKey& holder) const {
   return client == nullptr ? RefString() : client->name;
 }
 
+std::vector<RefString> LockManagerDaemon::HolderNames() const {
+  std::vector<RefString> names(holders_.End());
+  for (uint32_t id = 0; id < holders_.End(); ++id) names[id] = HolderName(holders_.KeyOf(id));
+  return names;
+}
+
+// The report goes out as it is written, a chunk at a time; the rest of it is
+// lost without a word when the peer fails or goes.
 void LockManagerDaemon::SendStatusReport(Descriptor* connection) {
-  TextBuilder report;
-  WriteStatusReport(report);
-  const RefString bytes = report.Bytes();
-  size_t written = 0;
-  while (written < bytes.Length()) {
-    long count = 0;
-    const TransferStatus status =
-        connection->Write(bytes.Text() + written, bytes.Length() - written, &count);
-    if (status == TransferStatus::kComplete) return;
-    // The rest of the report is lost without a word when the peer fails or goes.
-    if (status == TransferStatus::kFailed || status == TransferStatus::kEndOfFile) return;
-    if (status == TransferStatus::kPartial) written += static_cast<size_t>(count);
-  }
+  DescriptorStream out(connection);
+  WriteStatusReport(out);
 }
 
 }  // namespace klv

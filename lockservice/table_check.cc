@@ -36,16 +36,6 @@ RefString CheckTable(const HashSet<Entry, Traits>& table, const char* name) {
   return RefString();
 }
 
-// The elements fill slots 0 to Count() - 1, each marked present.
-template <typename T>
-bool IsPacked(const SlotVector<T>& list) {
-  if (list.End() != list.Count()) return false;
-  for (uint32_t slot = 0; slot < list.End(); ++slot) {
-    if (!list.IsPresent(slot)) return false;
-  }
-  return true;
-}
-
 RefString CheckGrants(const FileEntry& file) {
   for (uint32_t held = 0; held < file.opens.Count(); ++held) {
     for (uint32_t later = held + 1; later < file.opens.Count(); ++later) {
@@ -54,11 +44,21 @@ RefString CheckGrants(const FileEntry& file) {
       }
     }
   }
-  for (uint32_t held = 0; held < file.ranges.Count(); ++held) {
-    for (uint32_t later = held + 1; later < file.ranges.Count(); ++later) {
-      if (RangesConflict(file.ranges[later], file.ranges[held])) {
+  std::vector<RecordLock> ranges;
+  file.ranges.ForEach([&ranges](const RecordLock& range) { ranges.push_back(range); });
+  if (ranges.size() != file.ranges.Count()) return Violation("the range count is wrong");
+  for (uint32_t held = 0; held < ranges.size(); ++held) {
+    for (uint32_t later = held + 1; later < ranges.size(); ++later) {
+      if (RangesConflict(ranges[later], ranges[held])) {
         return Violation("ranges ", held, " and ", later, " conflict");
       }
+    }
+    // An exclusive lock of the same bytes must meet it (through the index
+    // on a file that holds many).
+    RecordLock same = ranges[held];
+    same.shared = 0;
+    if (ReachOf(same) != 0 && !file.ranges.Conflicts(same)) {
+      return Violation("range ", held, " is missed by the conflict check");
     }
   }
   return RefString();
@@ -85,11 +85,7 @@ RefString CheckOplocks(const FileEntry& file, const WaitTable& waits) {
 }
 
 RefString CheckFile(const FileEntry& file, const WaitTable& waits) {
-  RefString problem;
-  if (!IsPacked(file.opens) || !IsPacked(file.oplocks) || !IsPacked(file.ranges)) {
-    problem = Violation("a lock list's count does not match its slots");
-  }
-  if (problem.IsEmpty()) problem = CheckGrants(file);
+  RefString problem = CheckGrants(file);
   if (problem.IsEmpty()) problem = CheckOplocks(file, waits);
   if (problem.IsEmpty()) return problem;
   return Violation("file [", file.key.hi, ",", file.key.lo, "]: ", problem);
@@ -111,10 +107,30 @@ RefString CheckWait(const WaitEntry& wait, const FileTable& files) {
 
 }  // namespace
 
+// Each holder counts exactly the ranges that name it.
+RefString LockManagerDaemon::CheckHolders() const {
+  std::vector<uint32_t> named(holders_.End(), 0);
+  for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
+    bool known = true;
+    it.Current()->ranges.ForEach([&](const RecordLock& range) {
+      known = known && range.holder < named.size();
+      if (known) ++named[range.holder];
+    });
+    if (!known) return Violation("a range names a holder that was never given");
+  }
+  for (uint32_t id = 0; id < named.size(); ++id) {
+    if (named[id] != holders_.LocksOf(id)) {
+      return Violation("holder ", id, " counts ", holders_.LocksOf(id), " ranges, not ", named[id]);
+    }
+  }
+  return RefString();
+}
+
 RefString LockManagerDaemon::CheckTables() const {
   RefString problem = CheckTable(clients_, "client table");
   if (problem.IsEmpty()) problem = CheckTable(files_, "file table");
   if (problem.IsEmpty()) problem = CheckTable(waits_, "wait table");
+  if (problem.IsEmpty()) problem = CheckHolders();
   for (HashSetIterator<FileEntry, FileTraits> it(files_); problem.IsEmpty() && it.Advance();) {
     problem = CheckFile(*it.Current(), waits_);
   }

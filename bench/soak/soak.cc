@@ -180,7 +180,10 @@ void Soak::Handle(SoakClient* client, const std::string& datagram) {
 // all of it, and an oplock goes only to an open that found the file unopened.
 void Soak::CheckGrant(const Request& request, uint32_t oplock_granted) {
   const OpenLock open{{}, request.mode, request.fid};
-  const RecordLock range{{}, request.offset, request.length, request.fid, request.shared};
+  const RecordLock range{.offset = request.offset,
+                         .length = request.length,
+                         .clientfid = request.fid,
+                         .shared = request.shared};
   for (const auto& other : clients_) {
     for (const HeldOpen& held : other->Opens()) {
       if (request.kind != Kind::kOpen || held.file != request.file) continue;
@@ -189,7 +192,9 @@ void Soak::CheckGrant(const Request& request, uint32_t oplock_granted) {
     }
     for (const HeldRange& held : other->Ranges()) {
       if (request.kind != Kind::kLock || held.file != request.file) continue;
-      if (RangesConflict(range, RecordLock{{}, held.offset, held.length, held.fid, held.shared})) {
+      const RecordLock other_range{
+          .offset = held.offset, .length = held.length, .clientfid = held.fid, .shared = held.shared};
+      if (RangesConflict(range, other_range)) {
         Violation("range conflict");
       }
     }

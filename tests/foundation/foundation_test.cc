@@ -100,9 +100,7 @@ TEST(SlotVector, AgreesWithAStandardVector) {
     }
   }
   std::vector<std::string> visited;
-  for (SlotVectorIterator<RefString> it(vector); it.Advance();) {
-    visited.push_back(it.Current().Text());
-  }
+  for (const RefString& element : vector) visited.push_back(element.Text());
   EXPECT_EQ(visited, model);
 }
 

@@ -19,7 +19,9 @@ enum : uint32_t { kOpen = 1, kLock, kUnlock, kClientEnd, kText, kClose, kOplockR
 enum : uint32_t { kOplockBreak = 8, kOpenRetry = 9 };
 enum : uint32_t { kProbe = 1000, kNoop = 1001 };
 enum : uint32_t { kDone = 0, kConflict = 1, kNotFound = 2, kUnknown = 4, kWait = 5 };
+constexpr size_t kReplyHeadSize = 16;
 constexpr size_t kProbeSize = 36;
+constexpr uint32_t kVersion = 201905;  // 2.01.905
 
 // The seven words of a request head:
 //   0 code   4 tag   8 session   12 clientfid   16 filekey_hi   20 filekey_lo   24 waitid

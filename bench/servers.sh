@@ -1,0 +1,71 @@
+# Starting and stopping the servers under test; sourced by smoke.sh and
+# compare.sh. Every server started here is recorded in server_pids and stopped
+# by its pid in stop_servers, which the caller runs from an EXIT trap. Every
+# wait is bounded. Needs $work (a scratch directory) to be set.
+
+server_pids=()
+
+stop_servers() {
+  local pid
+  for pid in "${server_pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${server_pids[@]}"; do
+    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+  done
+  server_pids=()
+}
+
+# start_daemon NAME KLVLOCKD [CPU]: starts klvlockd (pinned to CPU when given)
+# and sets NAME_port, NAME_pid and NAME_status.
+start_daemon() {
+  local name=$1 binary=$2 cpu=${3:-} pin=()
+  [ -n "$cpu" ] && pin=(taskset -c "$cpu")
+  mkdir -p "$work/$name"
+  local line
+  line=$("${pin[@]}" "$binary" 30 "$work/$name" 2>>"$work/$name/stderr.log")
+  eval "$line"
+  server_pids+=("$_klvlockd_pid")
+  printf -v "${name}_port" %s "$_klvlockd_port"
+  printf -v "${name}_pid" %s "$_klvlockd_pid"
+  printf -v "${name}_status" %s "$_klvlockd_status"
+}
+
+# start_echo NAME KLV_ECHO SHAPE [CPU]: starts an echo server of SHAPE
+# (minimal or loop) for at most an hour and sets NAME_port and NAME_pid. Like
+# the daemon, which detaches, it runs in a session of its own, so that the
+# scheduler weighs it as it weighs the daemon (one task group per session).
+start_echo() {
+  local name=$1 binary=$2 shape=$3 cpu=${4:-} pin=()
+  [ -n "$cpu" ] && pin=(taskset -c "$cpu")
+  setsid "${pin[@]}" "$binary" "$shape" 3600 >"$work/$name.out" &
+  for _ in $(seq 100); do [ -s "$work/$name.out" ] && break; sleep 0.05; done
+  eval "$(head -n 1 "$work/$name.out")"
+  server_pids+=("$_echo_pid")
+  printf -v "${name}_port" %s "$_echo_port"
+  printf -v "${name}_pid" %s "$_echo_pid"
+}
+
+# start_redis NAME [CPU]: starts redis-server on a free port of 127.0.0.1,
+# without persistence, in a session of its own like the daemon and for at
+# most an hour, and sets NAME_port and NAME_pid (that of the timeout that
+# bounds it, which passes the stop on). Fails when redis-server is not
+# installed or does not answer.
+start_redis() {
+  local name=$1 cpu=${2:-} pin=()
+  command -v redis-server >/dev/null || return 1
+  [ -n "$cpu" ] && pin=(taskset -c "$cpu")
+  local port=$((20000 + RANDOM % 20000))
+  setsid "${pin[@]}" timeout 3600 redis-server --bind 127.0.0.1 --port "$port" --save '' \
+    --appendonly no --daemonize no --dir "$work" --logfile "$work/$name.log" &
+  local bound=$!
+  server_pids+=("$bound")
+  printf -v "${name}_port" %s "$port"
+  for _ in $(seq 100); do
+    if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+      printf -v "${name}_pid" %s "$(pgrep -P "$bound" redis-server)"
+      return 0
+    fi
+    sleep 0.05
+  done
+  return 1
+}

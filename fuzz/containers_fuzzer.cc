@@ -79,7 +79,7 @@ void CheckVector(klv::SlotVector<uint32_t>& vector, std::vector<uint32_t>& model
     vector.RemoveAt(arg % model.size());
     model.erase(model.begin() + arg % model.size());
   } else if (arg == 0) {
-    vector.Clear(ClearMode::kKeepElements);
+    vector.Clear(klv::ClearMode::kKeepElements);
     model.clear();
   }
   Expect(vector.Count() == model.size());

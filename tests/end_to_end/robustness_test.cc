@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -33,15 +32,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
-
-// True once `done` holds, checked every 20 ms for up to `timeout_ms`.
-bool WaitFor(const std::function<bool()>& done, int timeout_ms) {
-  for (auto end = Clock::now() + milliseconds(timeout_ms); !done();) {
-    if (Clock::now() >= end) return false;
-    std::this_thread::sleep_for(milliseconds(20));
-  }
-  return true;
-}
 
 // True once process `pid` has ended within `timeout_ms`. A child that outlives
 // the daemon is handed to this process, the reaper of the daemon's orphans.

@@ -63,6 +63,14 @@ ProcessEnd WaitForEnd(pid_t pid, int timeout_ms) {
 
 }  // namespace
 
+bool WaitFor(const std::function<bool()>& done, int timeout_ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+  }
+  return true;
+}
+
 std::string ReadFileFrom(const std::string& path, size_t offset) {
   std::ostringstream contents;
   contents << std::ifstream(path, std::ios::binary).rdbuf();
@@ -141,11 +149,7 @@ OutputMark DaemonProcess::Mark() const {
 
 bool DaemonProcess::WaitForStderr(const std::string& text, const OutputMark& since,
                                   int timeout_ms) const {
-  for (int waited = 0; waited < timeout_ms; waited += 10) {
-    if (StderrText(since).find(text) != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
+  return WaitFor([&] { return StderrText(since).find(text) != std::string::npos; }, timeout_ms);
 }
 
 ProcessEnd DaemonProcess::Stop(int signal_number, int timeout_ms) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -49,6 +50,8 @@ ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms
 
 // The file's bytes from `offset` on; empty when it does not exist.
 std::string ReadFileFrom(const std::string& path, size_t offset = 0);
+// True once `done` holds, checked every 10 ms for up to `timeout_ms`.
+bool WaitFor(const std::function<bool()>& done, int timeout_ms);
 
 // `text` with every time stamp of the logs ("2001/05/17 14:03:07.412")
 // replaced by "<time>", so that whole records can be compared.

@@ -1,5 +1,7 @@
 #include "lockservice/lock_request.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -19,101 +21,98 @@ namespace {
 //   REQ_TEXT    28 text (NUL-terminated; carried and ignored, so not read)
 //   REQ_PROBE   28 version  32 wantreply
 //
-// Reads a datagram front to back without ever passing its end: a word that
+// Reads a datagram at those offsets without ever passing its end: a word that
 // does not lie wholly inside reads as 0, a string without its NUL as empty.
 class WireReader {
  public:
   WireReader(const unsigned char* data, size_t size) : data_(data), size_(size) {}
 
-  uint32_t Word() {
-    const size_t offset = position_;
-    Skip(4);
-    if (size_ - offset < 4) return 0;
-    return uint32_t{data_[offset]} | uint32_t{data_[offset + 1]} << 8 |
-           uint32_t{data_[offset + 2]} << 16 | uint32_t{data_[offset + 3]} << 24;
+  uint32_t WordAt(size_t offset) const {
+    if (size_ < offset + 4) return 0;
+    uint32_t word;
+    memcpy(&word, data_ + offset, sizeof word);
+    if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+    return word;
   }
 
-  // The fixed name field: up to the first NUL, at most 16 bytes, fewer when
-  // the datagram ends inside the field. Answers where its bytes lie.
-  std::pair<uint32_t, uint32_t> Name() {
-    const size_t available = Remaining() < kClientNameSize ? Remaining() : kClientNameSize;
+  // The name field: up to the first NUL, at most 16 bytes, fewer when the
+  // datagram ends inside the field. Answers where its bytes lie.
+  std::pair<uint32_t, uint32_t> NameAt(size_t offset) const {
+    if (size_ <= offset) return {0, 0};
+    const size_t available = std::min(size_ - offset, kClientNameSize);
     size_t length = 0;
-    while (length < available && data_[position_ + length] != 0) ++length;
-    const size_t start = position_;
-    Skip(available);
-    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
+    while (length < available && data_[offset + length] != 0) ++length;
+    return {static_cast<uint32_t>(offset), static_cast<uint32_t>(length)};
   }
 
-  // A NUL-terminated string. Without a NUL before the end it is invalid: it
-  // reads as empty and the position stays where it was.
-  std::pair<uint32_t, uint32_t> String() {
-    const void* nul = Remaining() == 0 ? nullptr : memchr(data_ + position_, 0, Remaining());
+  // A NUL-terminated string; without a NUL before the end it reads as empty.
+  std::pair<uint32_t, uint32_t> StringAt(size_t offset) const {
+    if (size_ <= offset) return {0, 0};
+    const void* nul = memchr(data_ + offset, 0, size_ - offset);
     if (nul == nullptr) return {0, 0};
-    const size_t length = static_cast<const unsigned char*>(nul) - (data_ + position_);
-    const size_t start = position_;
-    Skip(length + 1);
-    return {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
+    const size_t length = static_cast<const unsigned char*>(nul) - (data_ + offset);
+    return {static_cast<uint32_t>(offset), static_cast<uint32_t>(length)};
   }
 
  private:
-  size_t Remaining() const { return size_ - position_; }
-  void Skip(size_t count) { position_ += count < Remaining() ? count : Remaining(); }
-
   const unsigned char* data_;
   size_t size_;
-  size_t position_ = 0;
 };
 
 void PutWord(char* buffer, size_t offset, uint32_t word) {
-  for (int i = 0; i < 4; ++i) buffer[offset + i] = static_cast<char>(word >> (8 * i));
+  if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+  memcpy(buffer + offset, &word, sizeof word);
 }
 
 }  // namespace
 
 char* DatagramBytes::Reset(size_t size) {
-  size_ = size;
-  if (size <= kInline) {
-    memset(inline_, 0, size);
-    return inline_;
-  }
-  heap_.assign(size, '\0');
-  return heap_.data();
+  char* target = Resize(size);
+  memset(target, 0, size);
+  return target;
 }
 
 void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
-  char* target = Reset(size);
+  char* target = Resize(size);
   if (size > 0) memcpy(target, bytes, size);
 }
 
+char* DatagramBytes::Resize(size_t size) {
+  size_ = size;
+  if (size <= kInline) return inline_;
+  heap_.resize(size);
+  return heap_.data();
+}
+
 void LockRequest::Decode(const unsigned char* data, size_t size) {
-  WireReader reader(data, size);
+  const WireReader reader(data, size);
   clientname_ = path_ = Span();
-  code_ = reader.Word();
-  tag_ = reader.Word();
-  session_ = reader.Word();
-  clientfid_ = reader.Word();
-  filekey_hi_ = reader.Word();
-  filekey_lo_ = reader.Word();
-  waitid_ = reader.Word();
+  code_ = reader.WordAt(0);
+  tag_ = reader.WordAt(4);
+  session_ = reader.WordAt(8);
+  clientfid_ = reader.WordAt(12);
+  filekey_hi_ = reader.WordAt(16);
+  filekey_lo_ = reader.WordAt(20);
+  waitid_ = reader.WordAt(24);
   switch (code_) {
     case REQ_OPEN:
-      openmode_ = reader.Word();
-      oplockwanted_ = reader.Word();
-      std::tie(clientname_.at, clientname_.length) = reader.Name();
-      std::tie(path_.at, path_.length) = reader.String();
+      openmode_ = reader.WordAt(28);
+      oplockwanted_ = reader.WordAt(32);
+      std::tie(clientname_.at, clientname_.length) = reader.NameAt(36);
+      std::tie(path_.at, path_.length) = reader.StringAt(36 + kClientNameSize);
       break;
     case REQ_LOCK:
-      offset_ = reader.Word();
-      length_ = reader.Word();
-      locktype_ = reader.Word();
+      offset_ = reader.WordAt(28);
+      length_ = reader.WordAt(32);
+      locktype_ = reader.WordAt(36);
       break;
     case REQ_UNLOCK:
-      offset_ = reader.Word();
-      length_ = reader.Word();
+      offset_ = reader.WordAt(28);
+      length_ = reader.WordAt(32);
       break;
     case REQ_PROBE:
-      version_ = reader.Word();
-      wantreply_ = reader.Word();
+      version_ = reader.WordAt(28);
+      wantreply_ = reader.WordAt(32);
       break;
     default:
       break;

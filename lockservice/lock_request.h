@@ -60,6 +60,9 @@ class DatagramBytes {
  private:
   static constexpr size_t kInline = 128;
 
+  // Room for `size` bytes, their contents undefined.
+  char* Resize(size_t size);
+
   char inline_[kInline];
   std::string heap_;
   size_t size_ = 0;

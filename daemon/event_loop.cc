@@ -26,7 +26,8 @@ namespace {
 constexpr uint32_t kSetCapacity = 16;
 // Status-report children at once.
 constexpr size_t kMaxReportChildren = 16;
-// Seconds that a status-report child has to build and write its report.
+// Seconds that a status-report child may go without writing a byte of its
+// report.
 constexpr unsigned kReportSeconds = 10;
 constexpr long kMicrosecondsPerSecond = 1000000;
 constexpr int kLowestNice = 19;
@@ -183,7 +184,9 @@ bool EventLoop::HasRoomForReportChild() {
 }
 
 // A reader that never reads would block the child for ever: the alarm ends
-// it, and so does the end of the daemon. It gives up the daemon's sockets, and
+// it, and so does the end of the daemon. The alarm is set again whenever
+// bytes go out, so a long report that a busy daemon leaves little time for is
+// still written whole. It gives up the daemon's sockets, and
 // takes the stop signals as any process does; a fault in it still writes the
 // fatal-signal message.
 void EventLoop::WriteReportAndExit(Socket* connection, pid_t daemon_pid) {
@@ -195,7 +198,7 @@ void EventLoop::WriteReportAndExit(Socket* connection, pid_t daemon_pid) {
   tcp_->Close();
   close(reserve_fd_);
   YieldToTheDaemon();
-  daemon_->SendStatusReport(connection);
+  daemon_->SendStatusReport(connection, [] { alarm(kReportSeconds); });
   exit(0);
 }
 

@@ -4,7 +4,8 @@
 
 namespace klv {
 
-DescriptorStream::DescriptorStream(Descriptor* descriptor) : descriptor_(descriptor) {
+DescriptorStream::DescriptorStream(Descriptor* descriptor, ProgressHook on_progress)
+    : descriptor_(descriptor), on_progress_(on_progress) {
   buffer_.reserve(kChunk);
 }
 
@@ -16,12 +17,15 @@ void DescriptorStream::Flush() {
     long count = 0;
     const TransferStatus status =
         descriptor_->Write(buffer_.data() + written, buffer_.size() - written, &count);
-    if (status == TransferStatus::kComplete) break;
     if (status == TransferStatus::kFailed || status == TransferStatus::kEndOfFile) {
       abandoned_ = true;
-    } else if (status == TransferStatus::kPartial) {
-      written += static_cast<size_t>(count);
+      break;
     }
+    if (on_progress_ != nullptr && (status == TransferStatus::kComplete || count > 0)) {
+      on_progress_();
+    }
+    if (status == TransferStatus::kComplete) break;
+    written += static_cast<size_t>(count);
   }
   buffer_.clear();
 }

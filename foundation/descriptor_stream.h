@@ -15,10 +15,13 @@ namespace klv {
 // written: a partial transfer (or a would-block, which moves nothing) moves on
 // by what moved and writes the rest at once; a whole transfer ends the loop.
 // A failure or end of file abandons the rest of the text without a word: what
-// is written afterwards is dropped.
+// is written afterwards is dropped. Each write that moves bytes calls the
+// progress hook, when one is given.
 class DescriptorStream : public OutputStream {
  public:
-  explicit DescriptorStream(Descriptor* descriptor);
+  using ProgressHook = void (*)();
+
+  explicit DescriptorStream(Descriptor* descriptor, ProgressHook on_progress = nullptr);
   // Writes what is still buffered.
   ~DescriptorStream() override;
   DescriptorStream(const DescriptorStream&) = delete;
@@ -34,6 +37,7 @@ class DescriptorStream : public OutputStream {
   static constexpr size_t kChunk = 1 << 18;
 
   Descriptor* descriptor_;
+  ProgressHook on_progress_;
   std::string buffer_;
   bool abandoned_ = false;
 };

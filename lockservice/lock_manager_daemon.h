@@ -11,6 +11,7 @@
 
 #include "daemon/event_log.h"
 #include "foundation/descriptor.h"
+#include "foundation/descriptor_stream.h"
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
@@ -60,8 +61,10 @@ class LockManagerDaemon {
   // Returns a description of the first violation, or an empty text.
   RefString CheckTables() const;
   // Builds the status report and writes it to `connection`, abandoning the
-  // rest silently when the connection fails or closes.
-  void SendStatusReport(Descriptor* connection);
+  // rest silently when the connection fails or closes. `on_progress` is
+  // called whenever bytes go out.
+  void SendStatusReport(Descriptor* connection,
+                        DescriptorStream::ProgressHook on_progress = nullptr);
   // True when many byte-range locks were released since the last
   // ReturnMemory, whose memory the process may still keep.
   bool HasMemoryToReturn() const;

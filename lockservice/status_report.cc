@@ -103,8 +103,9 @@ std::vector<RefString> LockManagerDaemon::HolderNames() const {
 
 // The report goes out as it is written, a chunk at a time; the rest of it is
 // lost without a word when the peer fails or goes.
-void LockManagerDaemon::SendStatusReport(Descriptor* connection) {
-  DescriptorStream out(connection);
+void LockManagerDaemon::SendStatusReport(Descriptor* connection,
+                                         DescriptorStream::ProgressHook on_progress) {
+  DescriptorStream out(connection, on_progress);
   WriteStatusReport(out);
 }
 

@@ -147,11 +147,9 @@ int RunDaemon(int timeout, const char* logdir, Socket* udp, Socket* tcp) {
 void DetachStandardInputAndOutput() {
   close(STDIN_FILENO);
   close(STDOUT_FILENO);
-  const int null_fd = open("/dev/null", O_RDWR);
-  if (null_fd < 0) return;
-  if (null_fd != STDIN_FILENO) dup2(null_fd, STDIN_FILENO);
-  dup2(null_fd, STDOUT_FILENO);
-  if (null_fd > STDOUT_FILENO) close(null_fd);
+  // Descriptor 0 is the lowest free one now, so /dev/null takes it.
+  if (open("/dev/null", O_RDWR) != STDIN_FILENO) return;
+  dup2(STDIN_FILENO, STDOUT_FILENO);
 }
 
 // Puts /dev/null on each of descriptors 0 to 2 that is closed, in that order,

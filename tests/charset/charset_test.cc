@@ -69,6 +69,9 @@ TEST(Charset, CodePages) {
   }
   EXPECT_EQ(Decode(charset::kCodePage1252, "\x81"), u"\uFFFD");  // no character
   EXPECT_EQ(Encode(charset::kCodePage437, Units({'A', 0x20AC, 0xD83D, 0xDE00, 0xDE00})), "A???");
+  // A code page is served only when iconv knows it.
+  EXPECT_TRUE(charset::CodePageAvailable("CP437"));
+  EXPECT_FALSE(charset::CodePageAvailable("NO-SUCH-CODE-PAGE"));
 }
 
 }  // namespace klv

@@ -59,7 +59,7 @@ wait "${pids[1]}" || fail "holder ended with status $?"
 wait "${pids[2]}" || fail "waiter ended with status $?"
 
 # --strict: a refusal is status 1, a syntax error 2, an unreachable daemon 3.
-strict() { printf '%s\n' "$@" | "$klvlockctl" --strict --session 3 >"$dir/strict.out" 2>&1; }
+strict() { printf '%s\n' "$@" | "$klvlockctl" --strict --session 9 >"$dir/strict.out" 2>&1; }
 strict "noop" "lock fid=9 file=10:20 offset=9 length=1" "noop"
 [ $? -eq 1 ] || fail "a refusal under --strict did not end with status 1"
 grep -qxF "lock fid=9: conflict" "$dir/strict.out" || fail "no conflict line"
@@ -69,6 +69,9 @@ strict "lock fid=9 file=10:20 offset=20 length=1" "lock fid=9 file=1:2 offset=x 
 grep -qF "line 2: bad value in \"offset=x\"" "$dir/strict.out" || fail "no syntax error line"
 "$klvlockctl" --portx 1 </dev/null >/dev/null 2>&1
 [ $? -eq 2 ] || fail "an unknown option did not end with status 2"
+"$klvlockctl" --name SIXTEEN-CHARS-XY </dev/null >/dev/null 2>&1 || fail "a 16-byte name was refused"
+"$klvlockctl" --name SEVENTEEN-CHARS-X </dev/null >/dev/null 2>&1
+[ $? -eq 2 ] || fail "a 17-byte name was taken"
 printf 'noop\n' | "$klvlockctl" --port 65535 --timeout 100 >/dev/null 2>&1
 [ $? -eq 3 ] || fail "port 65535 was not taken"
 kill "$_klvlockd_pid"

@@ -69,6 +69,19 @@ TEST_F(RecordLocksEndToEnd, UnlockNeedsTheExactRangeClientAndClientfid) {
   EXPECT_EQ(Totals(), "Files: 1 Used: 0 OpenLocks: 0 RecordLocks: 0 OpLocks: 0");
 }
 
+// Thousands of sessions that each take and release one lock come and go while
+// one lock stays held: the standing lock stays its holder's to release.
+TEST_F(RecordLocksEndToEnd, PassingHoldersLeaveTheStandingLockItsOwn) {
+  ASSERT_EQ(first_.Lock(kFile, 1, 0, 10, 0), kDone);
+  for (uint32_t session = 100; session < 5100; ++session) {
+    ServerProcess passing = second_.AnotherSession(session, "passing");
+    ASSERT_EQ(passing.Lock(kOtherFile, 1, 0, 10, 0), kDone);
+    ASSERT_EQ(passing.Unlock(kOtherFile, 1, 0, 10), kDone);
+  }
+  EXPECT_EQ(second_.Lock(kFile, 2, 5, 1, 0), kConflict);
+  EXPECT_EQ(first_.Unlock(kFile, 1, 0, 10), kDone);
+}
+
 TEST_F(RecordLocksEndToEnd, LockTypeFourIsReportedAndLocksExclusively) {
   EXPECT_EQ(first_.Lock(kFile, 1, 0, 10, 4), kDone);
   const std::string record =

@@ -1,15 +1,17 @@
-// The foundation's units with behaviour of their own: the hash set and the
-// slot vector against the standard containers (long runs of random operations
+// The foundation's units with behaviour of their own: the hash set, the slot
+// vector and the bit set against the standard containers (long runs of random operations
 // with a fixed seed must agree at every step), and the time stamps.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <map>
+#include <set>
 #include <random>
 #include <tuple>
 #include <vector>
 
+#include "foundation/bit_set.h"
 #include "foundation/hash_set.h"
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
@@ -102,6 +104,29 @@ TEST(SlotVector, AgreesWithAStandardVector) {
   std::vector<std::string> visited;
   for (const RefString& element : vector) visited.push_back(element.Text());
   EXPECT_EQ(visited, model);
+}
+
+// A set that starts small grows to take any bit; a copy takes the bits of a
+// larger set and clears those a smaller one lacks.
+TEST(BitSet, AgreesWithAStandardSet) {
+  std::mt19937 random(5);
+  BitSet bits(16), copy(8);
+  std::set<uint32_t> model;
+  for (int step = 0; step < 20000; ++step) {
+    const uint32_t bit = random() % 2048;
+    if (random() % 2 == 0) {
+      bits.Set(bit);
+      model.insert(bit);
+    } else {
+      bits.Clear(bit);
+      model.erase(bit);
+    }
+    ASSERT_EQ(bits.Test(bit), model.count(bit) == 1) << bit;
+  }
+  copy.Set(4000);
+  copy.CopyFrom(bits);
+  for (uint32_t bit = 0; bit < 4100; ++bit) ASSERT_EQ(copy.Test(bit), model.count(bit) == 1) << bit;
+  EXPECT_FALSE(BitSet(16).Test(5000));
 }
 
 TEST(TimeStamp, WrittenAsLocalTimeWithTruncatedMilliseconds) {

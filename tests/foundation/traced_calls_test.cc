@@ -7,10 +7,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
 #include "charset/charset.h"
+#include "foundation/failure.h"
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
 
@@ -84,6 +86,14 @@ TEST(TracedCalls, PortOutOfRangeIsRecorded) {
   ASSERT_NE(address.PortFailure(), nullptr);
   EXPECT_EQ(address.PortFailure()->Text().Encode(charset::kIso8859_1),
             "! (0 <= port 65536 < 65536)");
+}
+
+TEST(TracedCalls, FailureWithoutArgumentsStillNamesItsCall) {
+  SysCallFailure failure;
+  failure.Record(ENOENT, TextBuffer::FromLiteral("open"));
+  EXPECT_EQ(failure.Text().Encode(charset::kIso8859_1), "open(): (2) No such file or directory");
+  failure.Record(ENOENT, TextBuffer());
+  EXPECT_EQ(failure.Text().Encode(charset::kIso8859_1), "(2) No such file or directory");
 }
 
 TEST(RefString, HashAndTruncateOfASharedString) {

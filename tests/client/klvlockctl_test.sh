@@ -64,9 +64,12 @@ strict "noop" "lock fid=9 file=10:20 offset=9 length=1" "noop"
 [ $? -eq 1 ] || fail "a refusal under --strict did not end with status 1"
 grep -qxF "lock fid=9: conflict" "$dir/strict.out" || fail "no conflict line"
 [ "$(grep -c 'noop: done' "$dir/strict.out")" -eq 1 ] || fail "went on after the refusal"
-strict "lock fid=9 file=10:20 offset=20 length=1" "lock fid=9 file=1:2 offset=x length=1"
-[ $? -eq 2 ] || fail "a syntax error under --strict did not end with status 2"
-grep -qF "line 2: bad value in \"offset=x\"" "$dir/strict.out" || fail "no syntax error line"
+for bad in "lock fid=9 file=1:2 length=1 offset=x" "open fid=9 file=1:2 access=all" \
+  "open fid=9 file=1:2 deny=some"; do
+  strict "noop" "$bad"
+  [ $? -eq 2 ] || fail "\"$bad\" under --strict did not end with status 2"
+  grep -qF "line 2: bad value in \"${bad##* }\"" "$dir/strict.out" || fail "no syntax error line"
+done
 "$klvlockctl" --portx 1 </dev/null >/dev/null 2>&1
 [ $? -eq 2 ] || fail "an unknown option did not end with status 2"
 "$klvlockctl" --name SIXTEEN-CHARS-XY </dev/null >/dev/null 2>&1 || fail "a 16-byte name was refused"

@@ -24,6 +24,7 @@ start_daemon() {
   local line
   line=$("${pin[@]}" "$binary" 30 "$work/$name" 2>>"$work/$name/stderr.log")
   eval "$line"
+  [ "${_klvlockd_pid:-0}" -gt 1 ] 2>/dev/null || { echo "no process in the status line: $line" >&2; return 1; }
   server_pids+=("$_klvlockd_pid")
   printf -v "${name}_port" %s "$_klvlockd_port"
   printf -v "${name}_pid" %s "$_klvlockd_pid"

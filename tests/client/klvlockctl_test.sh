@@ -28,6 +28,7 @@ expect() {
 mkdir "$dir/logs"
 status_line=$("$klvlockd" 30 "$dir/logs" 2>"$dir/stderr") || fail "klvlockd did not start"
 eval "$status_line"
+[ "$_klvlockd_pid" -gt 1 ] 2>/dev/null || fail "no process in the status line: $status_line"
 pids+=("$_klvlockd_pid")
 export _klvlockd_port
 

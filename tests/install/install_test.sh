@@ -9,7 +9,7 @@ set -eu
 tmp=$(mktemp -d)
 pid=
 cleanup() {
-  if [ -n "$pid" ]; then kill "$pid" 2>/dev/null || true; fi
+  if [ "${pid:-0}" -gt 1 ] 2>/dev/null; then kill "$pid" 2>/dev/null || true; fi
   rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -100,4 +100,10 @@ grep -q 'locking/process/stop' "$tmp/logs/journal.log" || fail "no stop event in
 status=0
 "$lockinfo" --metrics "$_klvlockd_status" >"$tmp/down" 2>/dev/null || status=$?
 [ "$status" -eq 12 ] && grep -qx 'klvlockd_up 0' "$tmp/down" || fail "lockinfo on a stopped daemon"
+# A status line that names no process of its own is refused, never signalled.
+printf '#!/bin/sh\necho "_klvlockd_port=1 ; _klvlockd_pid=0 ; _klvlockd_status=2; export _klvlockd_port _klvlockd_pid _klvlockd_status"\n' >"$tmp/pid0"
+chmod +x "$tmp/pid0"
+status=0
+KLVLOCKD=$tmp/pid0 "$prefix/sbin/klvlockd-service" start >/dev/null 2>"$tmp/pid0.err" || status=$?
+[ "$status" -eq 1 ] && grep -q "names no process" "$tmp/pid0.err" || fail "a status line with pid 0 was taken"
 echo "the installed programs${3:+ and library} work"

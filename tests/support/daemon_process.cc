@@ -48,6 +48,12 @@ pid_t Spawn(const std::vector<std::string>& arguments, const std::string& out_pa
   return pid;
 }
 
+// Signals `pid` only when it names one process: 0 and -1 would signal this
+// process's group or every process it may signal.
+void SignalOne(pid_t pid, int signal_number) {
+  if (pid > 1) kill(pid, signal_number);
+}
+
 // Reaps `pid` if it ends within `timeout_ms`.
 ProcessEnd WaitForEnd(pid_t pid, int timeout_ms) {
   int status = 0;
@@ -86,7 +92,7 @@ ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms
   const std::string directory = MakeDirectory();
   const pid_t pid = Spawn(arguments, directory + "/out", directory + "/err");
   ProgramRun run = {WaitForEnd(pid, timeout_ms), "", ""};
-  if (run.end == ProcessEnd::StillRunning()) kill(pid, SIGKILL);
+  if (run.end == ProcessEnd::StillRunning()) SignalOne(pid, SIGKILL);
   WaitForEnd(pid, timeout_ms);
   run.out = ReadFileFrom(directory + "/out");
   run.err = ReadFileFrom(directory + "/err");
@@ -117,7 +123,8 @@ bool DaemonProcess::Launch(const std::vector<std::string>& arguments) {
   int tcp = 0;
   last_error_ = "no status line in \"" + status_line_ + "\"; standard error: " + StderrText();
   if (sscanf(status_line_.c_str(), "_klvlockd_port=%d ; _klvlockd_pid=%d ; _klvlockd_status=%d;",
-             &udp, &pid_, &tcp) != 3) {
+             &udp, &pid_, &tcp) != 3 ||
+      pid_ <= 1) {
     return false;
   }
   udp_port_ = static_cast<uint16_t>(udp);
@@ -153,7 +160,7 @@ bool DaemonProcess::WaitForStderr(const std::string& text, const OutputMark& sin
 }
 
 ProcessEnd DaemonProcess::Stop(int signal_number, int timeout_ms) {
-  if (WaitForExit(1) == ProcessEnd::StillRunning()) kill(pid_, signal_number);
+  if (WaitForExit(1) == ProcessEnd::StillRunning()) SignalOne(pid_, signal_number);
   return WaitForExit(timeout_ms);
 }
 
@@ -163,7 +170,7 @@ ProcessEnd DaemonProcess::WaitForExit(int timeout_ms) {
 }
 
 void DaemonProcess::Kill() {
-  if (Stop(SIGTERM, 2000) == ProcessEnd::StillRunning()) kill(pid_, SIGKILL);
+  if (Stop(SIGTERM, 2000) == ProcessEnd::StillRunning()) SignalOne(pid_, SIGKILL);
   WaitForExit(2000);
 }
 

@@ -186,8 +186,8 @@ bool EventLoop::HasRoomForReportChild() {
 // A reader that never reads would block the child for ever: the alarm ends
 // it, and so does the end of the daemon. The alarm is set again whenever
 // bytes go out, so a long report that a busy daemon leaves little time for is
-// still written whole. It gives up the daemon's sockets, and
-// takes the stop signals as any process does; a fault in it still writes the
+// still written whole. The child gives up the daemon's sockets and takes the
+// stop signals as any process does; a fault in it still writes the
 // fatal-signal message.
 void EventLoop::WriteReportAndExit(Socket* connection, pid_t daemon_pid) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);

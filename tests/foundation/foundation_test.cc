@@ -123,9 +123,14 @@ TEST(BitSet, AgreesWithAStandardSet) {
     }
     ASSERT_EQ(bits.Test(bit), model.count(bit) == 1) << bit;
   }
-  copy.Set(4000);
+  bits.Set(70000);  // grows past every bit drawn, keeping them
+  model.insert(70000);
+  copy.Set(80000);
   copy.CopyFrom(bits);
-  for (uint32_t bit = 0; bit < 4100; ++bit) ASSERT_EQ(copy.Test(bit), model.count(bit) == 1) << bit;
+  for (uint32_t bit = 0; bit <= 80000; ++bit) {
+    ASSERT_EQ(bits.Test(bit), model.count(bit) == 1) << bit;
+    ASSERT_EQ(copy.Test(bit), model.count(bit) == 1) << bit;
+  }
   EXPECT_FALSE(BitSet(16).Test(5000));
 }
 

@@ -1,13 +1,13 @@
 // The foundation's units with behaviour of their own: the hash set, the slot
-// vector and the bit set against the standard containers (long runs of random operations
-// with a fixed seed must agree at every step), and the time stamps.
+// vector and the bit set against the standard containers (long runs of random
+// operations with a fixed seed must agree at every step), and the time stamps.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <map>
-#include <set>
 #include <random>
+#include <set>
 #include <tuple>
 #include <vector>
 

@@ -71,8 +71,11 @@ for bad in "lock fid=9 file=1:2 length=1 offset=x" "open fid=9 file=1:2 access=a
   [ $? -eq 2 ] || fail "\"$bad\" under --strict did not end with status 2"
   grep -qF "line 2: bad value in \"${bad##* }\"" "$dir/strict.out" || fail "no syntax error line"
 done
-"$klvlockctl" --portx 1 </dev/null >/dev/null 2>&1
-[ $? -eq 2 ] || fail "an unknown option did not end with status 2"
+for option in "--portx 1" "--session x" "--timeout 0" "--port 65536"; do
+  # shellcheck disable=SC2086
+  "$klvlockctl" $option </dev/null >/dev/null 2>&1
+  [ $? -eq 2 ] || fail "klvlockctl $option did not end with status 2"
+done
 "$klvlockctl" --name SIXTEEN-CHARS-XY </dev/null >/dev/null 2>&1 || fail "a 16-byte name was refused"
 "$klvlockctl" --name SEVENTEEN-CHARS-X </dev/null >/dev/null 2>&1
 [ $? -eq 2 ] || fail "a 17-byte name was taken"

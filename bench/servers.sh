@@ -4,14 +4,10 @@
 # wait is bounded. Needs $work (a scratch directory) to be set.
 
 server_pids=()
+source "$(dirname "${BASH_SOURCE[0]}")/../tests/support/stop_pids.sh"
 
 stop_servers() {
-  local pid
-  for pid in "${server_pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${server_pids[@]}"; do
-    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    kill -9 "$pid" 2>/dev/null || true
-  done
+  stop_pids "${server_pids[@]}"
   server_pids=()
 }
 

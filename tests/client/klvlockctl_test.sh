@@ -8,14 +8,10 @@ klvlockd=$1
 klvlockctl=$2
 dir=$(mktemp -d)
 pids=()
+source "$(dirname "$0")/../support/stop_pids.sh"
 cleanup() {
   exec 3>&- 4>&-
-  # A process that does not end on SIGTERM within 5 s gets SIGKILL.
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
-  for pid in "${pids[@]}"; do
-    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    kill -0 "$pid" 2>/dev/null && kill -9 "$pid" 2>/dev/null
-  done
+  stop_pids "${pids[@]}"
   rm -rf "$dir"
 }
 trap cleanup EXIT

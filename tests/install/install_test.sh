@@ -8,13 +8,9 @@
 set -eu
 tmp=$(mktemp -d)
 pid=
+. "$(dirname "$0")/../support/stop_pids.sh"
 cleanup() {
-  # A daemon that does not end on SIGTERM within 5 s gets SIGKILL.
-  if [ "${pid:-0}" -gt 1 ] 2>/dev/null; then
-    kill "$pid" 2>/dev/null || true
-    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    if kill -0 "$pid" 2>/dev/null; then kill -9 "$pid" 2>/dev/null || true; fi
-  fi
+  stop_pids "$pid"
   rm -rf "$tmp"
 }
 trap cleanup EXIT

@@ -40,8 +40,9 @@ class WireReader {
   std::pair<uint32_t, uint32_t> NameAt(size_t offset) const {
     if (size_ <= offset) return {0, 0};
     const size_t available = std::min(size_ - offset, kClientNameSize);
-    size_t length = 0;
-    while (length < available && data_[offset + length] != 0) ++length;
+    const void* nul = memchr(data_ + offset, 0, available);
+    const size_t length =
+        nul == nullptr ? available : static_cast<const unsigned char*>(nul) - (data_ + offset);
     return {static_cast<uint32_t>(offset), static_cast<uint32_t>(length)};
   }
 
@@ -65,24 +66,6 @@ void PutWord(char* buffer, size_t offset, uint32_t word) {
 }
 
 }  // namespace
-
-char* DatagramBytes::Reset(size_t size) {
-  char* target = Resize(size);
-  memset(target, 0, size);
-  return target;
-}
-
-void DatagramBytes::Assign(const unsigned char* bytes, size_t size) {
-  char* target = Resize(size);
-  if (size > 0) memcpy(target, bytes, size);
-}
-
-char* DatagramBytes::Resize(size_t size) {
-  size_ = size;
-  if (size <= kInline) return inline_;
-  heap_.resize(size);
-  return heap_.data();
-}
 
 void LockRequest::Decode(const unsigned char* data, size_t size) {
   const WireReader reader(data, size);
@@ -117,18 +100,22 @@ void LockRequest::Decode(const unsigned char* data, size_t size) {
     default:
       break;
   }
-  bytes_.Assign(data, size);
+  wire_ = {reinterpret_cast<const char*>(data), size};
+  encoded_size_ = 0;
   needs_encoding_ = false;
 }
 
 std::string_view LockRequest::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_.View();
+  if (encoded_size_ != 0) return {encoded_, encoded_size_};
+  return wire_;
 }
 
 void LockRequest::Encode() {
   clientname_ = path_ = Span();
-  char* buffer = bytes_.Reset(code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize);
+  wire_ = {};
+  encoded_size_ = code_ == REQ_PROBE ? kProbeSize : kRequestHeadSize;
+  char* buffer = encoded_;
   const uint32_t head[] = {code_, tag_, session_, clientfid_, filekey_hi_, filekey_lo_, waitid_};
   for (size_t i = 0; i < 7; ++i) PutWord(buffer, 4 * i, head[i]);
   if (code_ == REQ_PROBE) {
@@ -162,7 +149,7 @@ size_t LockReply::LengthFor(uint32_t code) {
 
 std::string_view LockReply::Bytes() {
   if (needs_encoding_) Encode();
-  return bytes_.View();
+  return {bytes_, LengthFor(code_)};
 }
 
 void LockReply::SetStatus(ReplyStatus status) {
@@ -190,7 +177,8 @@ void LockReply::SetBodyWord(int index, uint32_t word) {
 
 void LockReply::Encode() {
   const size_t length = LengthFor(code_);
-  char* buffer = bytes_.Reset(length);
+  char* buffer = bytes_;
+  memset(buffer, 0, sizeof bytes_);
   PutWord(buffer, 0, code_);
   PutWord(buffer, 4, tag_);
   PutWord(buffer, 8, static_cast<uint32_t>(status_));

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "foundation/ref_string.h"
@@ -47,27 +46,6 @@ constexpr size_t kReplyHeadSize = 16;
 // The client name field of REQ_OPEN always occupies this many bytes.
 constexpr size_t kClientNameSize = 16;
 
-// The bytes of one datagram. Short ones (every reply, and every request but
-// an open with a long path or a text) are held inline, so that handling them
-// allocates nothing.
-class DatagramBytes {
- public:
-  // Room for `size` bytes, all zero, to be filled in.
-  char* Reset(size_t size);
-  void Assign(const unsigned char* bytes, size_t size);
-  std::string_view View() const { return {size_ <= kInline ? inline_ : heap_.data(), size_}; }
-
- private:
-  static constexpr size_t kInline = 128;
-
-  // Room for `size` bytes, their contents undefined.
-  char* Resize(size_t size);
-
-  char inline_[kInline];
-  std::string heap_;
-  size_t size_ = 0;
-};
-
 // One request datagram: a head of seven words and a body that depends on the
 // code. The fields are read through the getters; every setter marks the
 // record for re-encoding, and Bytes() rebuilds the bytes from the fields when
@@ -79,7 +57,8 @@ class LockRequest {
 
   // Reads `size` bytes; never reads past them. Words beyond the end read as
   // 0; a string with no NUL before the end reads as empty. The text of
-  // REQ_TEXT is not kept.
+  // REQ_TEXT is not kept. The request views those bytes, which must outlive
+  // it or its next change.
   void Decode(const unsigned char* data, size_t size);
   // The datagram: the decoded bytes, or the head (and a probe's body)
   // encoded afresh after a change. The view lasts until the record changes
@@ -123,7 +102,8 @@ class LockRequest {
     uint32_t at = 0;
     uint32_t length = 0;
   };
-  std::string_view Field(Span span) const { return bytes_.View().substr(span.at, span.length); }
+  // Empty once the request is encoded afresh.
+  std::string_view Field(Span span) const { return wire_.substr(span.at, span.length); }
 
   uint32_t code_ = 0;
   uint32_t tag_ = 0;
@@ -142,7 +122,9 @@ class LockRequest {
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
-  DatagramBytes bytes_;
+  std::string_view wire_;  // the decoded datagram
+  size_t encoded_size_ = 0;  // when not 0, the bytes encoded afresh
+  char encoded_[kProbeSize];
 };
 
 // One reply datagram, or one of the daemon's own messages: a head of four
@@ -181,7 +163,7 @@ class LockReply {
   uint32_t value_ = 0;
   uint32_t body_[kBodyWords] = {};
   bool needs_encoding_ = true;
-  DatagramBytes bytes_;
+  char bytes_[kReplyHeadSize + 4 * kBodyWords];
 };
 
 }  // namespace klv

@@ -16,12 +16,13 @@ enum class ClearMode { kKeepElements, kDeleteElements };
 // gap, so the elements always occupy slots 0 to Count() - 1. The array grows
 // by half (doubling while small) when full, shrinks to twice the count when a
 // removal leaves it three-quarters empty, and is released when the last
-// element goes, so that an emptied table hands its memory back.
+// element goes, so that an emptied table hands its memory back (but for a few
+// of the smallest arrays, kept for reuse).
 template <typename T>
 class SlotVector {
  public:
   SlotVector() = default;
-  ~SlotVector() { delete[] slots_; }
+  ~SlotVector() { DeleteArray(slots_, capacity_); }
   SlotVector(const SlotVector&) = delete;
   SlotVector& operator=(const SlotVector&) = delete;
 
@@ -54,13 +55,22 @@ class SlotVector {
  private:
   static constexpr uint32_t kFirstCapacity = 2;
   static constexpr uint32_t kDoublingLimit = 8;
+  static constexpr uint32_t kMostSpares = 16;
 
   // Halves a mostly empty array, releases an empty one.
   void ShrinkIfSparse();
+  // Arrays of the first capacity come and go with nearly every request (a
+  // file's only open, a file's only range), so a few released ones are kept
+  // for reuse, their slots reset, instead of going back to the heap.
+  static T* NewArray(uint32_t slots);
+  static void DeleteArray(T* array, uint32_t slots);
 
-  T* slots_ = nullptr;  // new[], released with delete[]
+  T* slots_ = nullptr;  // NewArray, released with DeleteArray
   uint32_t count_ = 0;
   uint32_t capacity_ = 0;
+
+  static inline T* spares_[kMostSpares];
+  static inline uint32_t spare_count_ = 0;
 };
 
 // ---------------------------------------------------------------------------
@@ -102,12 +112,29 @@ uint32_t SlotVector<T>::RemoveWhere(Predicate matches) {
 
 template <typename T>
 void SlotVector<T>::Resize(uint32_t slots) {
-  T* resized = slots > 0 ? new T[slots] : nullptr;
+  T* resized = NewArray(slots);
   if (count_ > slots) count_ = slots;
   for (uint32_t i = 0; i < count_; ++i) resized[i] = std::move(slots_[i]);
-  delete[] slots_;
+  DeleteArray(slots_, capacity_);
   slots_ = resized;
   capacity_ = slots;
+}
+
+template <typename T>
+T* SlotVector<T>::NewArray(uint32_t slots) {
+  if (slots == 0) return nullptr;
+  if (slots == kFirstCapacity && spare_count_ > 0) return spares_[--spare_count_];
+  return new T[slots];
+}
+
+template <typename T>
+void SlotVector<T>::DeleteArray(T* array, uint32_t slots) {
+  if (slots != kFirstCapacity || spare_count_ == kMostSpares) {
+    delete[] array;
+    return;
+  }
+  for (uint32_t i = 0; i < slots; ++i) array[i] = T();
+  spares_[spare_count_++] = array;
 }
 
 template <typename T>

@@ -40,6 +40,7 @@ bool BitSet::Test(uint32_t bit) const {
 void BitSet::CopyFrom(const BitSet& other) {
   if (word_count_ < other.word_count_) Resize(other.word_count_);
   std::memcpy(words_, other.words_, other.word_count_ * sizeof(uint32_t));
+  if (word_count_ == other.word_count_) return;
   std::memset(words_ + other.word_count_, 0, (word_count_ - other.word_count_) * sizeof(uint32_t));
 }
 

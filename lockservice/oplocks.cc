@@ -60,6 +60,7 @@ void LockManagerDaemon::WithdrawWait(uint32_t id) {
 
 void LockManagerDaemon::ReleaseOplocks(FileEntry* file, const ClientKey& client,
                                        uint32_t clientfid) {
+  if (file->oplocks.IsEmpty()) return;
   ReleaseOplocksWhere(file, [&](const OpLock& oplock) {
     return oplock.client == client && oplock.clientfid == clientfid;
   });

@@ -59,7 +59,7 @@ trap 'stop_servers; rm -rf "$work"' EXIT
 
 {
   echo "# compare.sh $mode rounds=$rounds seconds=$seconds $(date -u +%FT%TZ)"
-  echo "# revision $(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)," \
+  echo "# revision $(git -C "$root" describe --always --dirty 2>/dev/null || echo unknown)," \
     "load average $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) CPUs"
 } | tee -a "$out"
 

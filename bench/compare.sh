@@ -75,6 +75,21 @@ load() {
   echo "round=$round $line" | tee -a "$out"
 }
 
+# load_pair TARGET_A SERVER_A TARGET_B SERVER_B [loadgen arguments...]: both
+# loads, A first in odd rounds and B first in even ones, so that a drift of
+# the machine within a round does not favour either side of the ratio.
+load_pair() {
+  local target_a=$1 server_a=$2 target_b=$3 server_b=$4
+  shift 4
+  if ((round % 2 == 1)); then
+    load "$target_a" "$server_a" "$@"
+    load "$target_b" "$server_b" "$@"
+  else
+    load "$target_b" "$server_b" "$@"
+    load "$target_a" "$server_a" "$@"
+  fi
+}
+
 # preload SERVER LOCKS FILES [PREFIX]: takes LOCKS ranges spread over FILES
 # files; PREFIX goes before the "preload" of the line recorded.
 preload() {
@@ -94,10 +109,8 @@ run_base() {
     for count in $clients; do
       local common=(--clients="$count" --seconds="$seconds" --files="$base_files")
       load echo_minimal minimal "${common[@]}" --workload=lock
-      load echo_shape_lock shape "${common[@]}" --workload=lock
-      load daemon_lock daemon "${common[@]}" --workload=lock
-      load echo_shape_open shape "${common[@]}" --workload=open
-      load daemon_open daemon "${common[@]}" --workload=open
+      load_pair echo_shape_lock shape daemon_lock daemon "${common[@]}" --workload=lock
+      load_pair echo_shape_open shape daemon_open daemon "${common[@]}" --workload=open
       load daemon_noop daemon "${common[@]}" --workload=noop
       if [ "$have_redis" = 1 ]; then load redis_lock redis "${common[@]}" --workload=lock --protocol=redis; fi
     done
@@ -112,12 +125,9 @@ run_scale() {
   preload onefile "$ranges" 1
   for round in $(seq "$rounds"); do
     local common=(--clients=64 --seconds="$seconds")
-    load empty_lock empty "${common[@]}" --workload=lock --files="$files"
-    load loaded_lock loaded "${common[@]}" --workload=lock --files="$files"
-    load empty_open empty "${common[@]}" --workload=open --files="$files"
-    load loaded_open loaded "${common[@]}" --workload=open --files="$files"
-    load empty_onefile_lock empty "${common[@]}" --workload=lock --files=1
-    load onefile_lock onefile "${common[@]}" --workload=lock --files=1
+    load_pair empty_lock empty loaded_lock loaded "${common[@]}" --workload=lock --files="$files"
+    load_pair empty_open empty loaded_open loaded "${common[@]}" --workload=open --files="$files"
+    load_pair empty_onefile_lock empty onefile_lock onefile "${common[@]}" --workload=lock --files=1
   done
 }
 
@@ -134,8 +144,14 @@ run_report() {
     --report-once=3 | tee -a "$out" || true
   for round in $(seq "$rounds"); do
     local common=(--clients=64 --seconds="$seconds" --workload=lock --files="$files")
-    load idle loaded "${common[@]}"
-    load reports loaded "${common[@]}" --status-port="$loaded_status" --reports=1000
+    local reading=("${common[@]}" --status-port="$loaded_status" --reports=1000)
+    if ((round % 2 == 1)); then
+      load idle loaded "${common[@]}"
+      load reports loaded "${reading[@]}"
+    else
+      load reports loaded "${reading[@]}"
+      load idle loaded "${common[@]}"
+    fi
   done
 }
 

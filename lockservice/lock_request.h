@@ -62,7 +62,7 @@ class LockRequest {
   void Decode(const unsigned char* data, size_t size);
   // The datagram: the decoded bytes, or the head (and a probe's body)
   // encoded afresh after a change. The view lasts until the record changes
-  // or goes.
+  // or goes, and a view of decoded bytes no longer than they do.
   std::string_view Bytes();
 
   uint32_t Code() const { return code_; }

@@ -40,7 +40,7 @@ constexpr char kReport[] =
 TEST(ReportParser, ReadsEveryRowOfAWrittenReport) {
   StatusReport report;
   std::string error;
-  ASSERT_TRUE(ParseStatusReport(kReport, &report, &error)) << error;
+  ASSERT_EQ(ParseStatusReport(kReport, ReportScope::kWhole, &report, &error), ReportReading::kWhole) << error;
   EXPECT_EQ(report.time, "2024/05/17 14:03:07.412");
   EXPECT_EQ(report.version, "2.01.905");
   ASSERT_EQ(report.clients.size(), 2u);
@@ -73,7 +73,7 @@ TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
   StatusReport report;
   std::string error;
   for (size_t length = 0; length < whole.size(); ++length) {
-    EXPECT_FALSE(ParseStatusReport(whole.substr(0, length), &report, &error)) << length;
+    EXPECT_EQ(ParseStatusReport(whole.substr(0, length), ReportScope::kUnforgeable, &report, &error), ReportReading::kNotAReport) << length;
   }
   const std::pair<std::string, std::string> kChanges[] = {{"  OK  ", "  ok  "},
                                                           {"[10,20]", "[10;20]"},
@@ -82,7 +82,7 @@ TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
   for (const auto& [from, to] : kChanges) {
     std::string changed = whole;
     changed.replace(changed.find(from), from.size(), to);
-    EXPECT_FALSE(ParseStatusReport(changed, &report, &error)) << to;
+    EXPECT_EQ(ParseStatusReport(changed, ReportScope::kWhole, &report, &error), ReportReading::kNotAReport) << to;
   }
   EXPECT_EQ(error, "line 21: expected a number below 2^32");
 }
@@ -90,7 +90,7 @@ TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
 TEST(ReportParser, JsonKeepsTheRowsAndEscapesNames) {
   StatusReport report;
   std::string error;
-  ASSERT_TRUE(ParseStatusReport(kReport, &report, &error)) << error;
+  ASSERT_EQ(ParseStatusReport(kReport, ReportScope::kWhole, &report, &error), ReportReading::kWhole) << error;
   report.clients.resize(1);
   report.files.resize(1);
   EXPECT_EQ(ReportJson(report),
@@ -127,7 +127,7 @@ TEST_F(ReportParserOnDaemon, ReadsTheReportOfARunningDaemon) {
   ASSERT_TRUE(daemon_.ReadStatusReport(&text));
   StatusReport report;
   std::string error;
-  ASSERT_TRUE(ParseStatusReport(text, &report, &error)) << error << "\n" << text;
+  ASSERT_EQ(ParseStatusReport(text, ReportScope::kWhole, &report, &error), ReportReading::kWhole) << error << "\n" << text;
   ASSERT_EQ(report.clients.size(), 2u);
   for (const ReportClient& client : report.clients) {
     const bool is_alpha = client.name == "alpha";

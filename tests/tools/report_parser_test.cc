@@ -4,11 +4,17 @@
 #include "tools/lockinfo/report_parser.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "tests/end_to_end/lock_service_fixture.h"
 #include "tools/lockinfo/report_writers.h"
+#include <regex>
 
 namespace klv {
 
@@ -111,6 +117,93 @@ TEST(ReportParser, JsonKeepsTheRowsAndEscapesNames) {
   ],
   "totals": {"files": 3, "used": 2, "open_locks": 2, "record_locks": 1, "oplocks": 1}}
 )");
+}
+
+// Two clients, each with one open; mallory's path is `path`.
+std::string TwoFiles(const std::string& path) {
+  return "2024/05/17 14:03:07.412 Ostrand Kelvane Lock Daemon 2.01.905\n\n"
+         "== Client information\n  Name            State SessionId   Address\n"
+         "  alice             OK     1    127.0.0.1:1\n  mallory           OK     5    *:2\n"
+         "\n== File lock information\n[10,20] /real\n  Open locks: [clientfid type]\n"
+         "    alice           1 OPEN_READ|DENY_NONE\n\n[30,40] " + path +
+         "\n  Open locks: [clientfid type]\n    mallory         2 OPEN_READ|DENY_NONE\n\n"
+         "\nFiles: 2 Used: 2 OpenLocks: 2 RecordLocks: 0 OpLocks: 0\n";
+}
+
+TEST(ReportParser, PathsWithLineBreaksAreReadByTheTotalsOrCalledAmbiguous) {
+  const std::string forged = "/v\n  Open locks: [clientfid type]\n    HOLDER 9 OPEN_READ|DENY_NONE\n\n[1,2] /f";
+  struct Case {
+    std::string path;
+    ReportReading reading;
+    size_t files;
+  } const kCases[] = {{"a\nb\\c", ReportReading::kWhole, 2},
+                      {std::regex_replace(forged, std::regex("HOLDER"), "nobody         "),
+                       ReportReading::kWhole, 2},  // a row must name a client of the table
+                      {std::regex_replace(forged, std::regex("HOLDER"), "alice          "),
+                       ReportReading::kAmbiguous, 0}};
+  for (const Case& c : kCases) {
+    const std::string text = TwoFiles(c.path);
+    StatusReport report;
+    std::string error;
+    ASSERT_EQ(ParseStatusReport(text, ReportScope::kWhole, &report, &error), c.reading) << c.path;
+    ASSERT_EQ(report.files.size(), c.files) << c.path;
+    EXPECT_EQ(ParseStatusReport(text, ReportScope::kUnforgeable, &report, &error),
+              ReportReading::kWhole);
+    EXPECT_EQ(report.totals.open_locks, 2u);
+  }
+  StatusReport report;
+  std::string error;
+  ParseStatusReport(TwoFiles(kCases[0].path), ReportScope::kWhole, &report, &error);
+  EXPECT_EQ(report.files[1].path, "a\nb\\c");
+  EXPECT_EQ(ReportText(report), TwoFiles("a\\nb\\\\c"));
+  ParseStatusReport(TwoFiles(kCases[2].path), ReportScope::kWhole, &report, &error);
+  ASSERT_EQ(report.ambiguous.size(), 1u);
+  EXPECT_EQ(report.ambiguous[0].first_line, 9u);
+  EXPECT_EQ(report.ambiguous[0].last_line, 20u);
+  const std::string text = ReportText(report);
+  EXPECT_NE(text.find("\n? [10,20] /real\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n? [1,2] /f\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("\n[1,2]"), std::string::npos) << text;
+}
+
+// lockinfo against a status port that accepts one connection and then sends
+// `sends` and closes, keeps the connection open in silence, or sends for ever.
+TEST(Lockinfo, BadServersAreErrors) {
+  enum class Then { kClose, kSilence, kFlood };
+  struct Server {
+    std::string sends;
+    Then then;
+    const char* says;
+  } const kServers[] = {{"", Then::kClose, "closed the connection without a report"},
+                        {"", Then::kSilence, "nothing came for 0.3 seconds (--timeout)"},
+                        {std::string(kReport).substr(0, 500), Then::kClose, "expected \"\\nFiles: \""},
+                        {"", Then::kFlood, "more than 100000 bytes (--max-bytes)"}};
+  for (const Server& server : kServers) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    std::thread serve([&] {
+      pollfd watched = {listener, POLLIN, 0};
+      if (poll(&watched, 1, 5000) != 1) return;
+      const int connection = accept(listener, nullptr, nullptr);
+      send(connection, server.sends.data(), server.sends.size(), MSG_NOSIGNAL);
+      const std::string piece(65536, 'x');
+      pollfd peer = {connection, POLLIN, 0};  // lockinfo closes: readable at its end
+      for (int round = 0; server.then != Then::kClose && round < 500 && poll(&peer, 1, 10) == 0;) {
+        if (server.then == Then::kFlood) send(connection, piece.data(), piece.size(), MSG_NOSIGNAL);
+      }
+      close(connection);
+    });
+    const ProgramRun run = RunProgram(LOCKINFO_PATH, {"--timeout=0.3", "--max-bytes", "100000",
+                                                      std::to_string(ntohs(address.sin_port))});
+    serve.join();
+    close(listener);
+    EXPECT_EQ(run.end, ProcessEnd::Exited(13)) << server.says;
+    EXPECT_NE(run.err.find(server.says), std::string::npos) << run.err;
+  }
 }
 
 class ReportParserOnDaemon : public LockServiceTest {};

@@ -116,7 +116,8 @@ std::string HelpText() {
          "  eval \"$(klvlockd 30 /var/log/klvlock)\"\n"
          "  printf 'open fid=1 file=10:20 access=read deny=write oplock\\nwait 5\\n' | klvlockctl\n"
          "  probe answered\n"
-         "  open fid=1: granted oplock=1\n";
+         "  open fid=1: granted oplock=1\n"
+         "  end: done\n";
 }
 
 }  // namespace klv

@@ -128,8 +128,7 @@ void RequestRunner::WarnIfNotOpen(const Command& command, int line_number) {
   fprintf(err_,
           "klvlockctl: line %d: warning: fid=%u file=%u:%u has no open in this session; the "
           "daemon never releases such a lock on its own\n",
-          line_number, command.request.clientfid, command.request.file.hi,
-          command.request.file.lo);
+          line_number, command.request.clientfid, command.request.file.hi, command.request.file.lo);
   fflush(err_);
 }
 

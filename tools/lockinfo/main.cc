@@ -126,7 +126,8 @@ bool ReadValueOption(int argc, char** argv, int* index, Options* options, std::s
       milliseconds = Milliseconds(value);
       good = milliseconds > 0;
     }
-    if (!good) *error = std::string("bad value for ") + name + (value ? std::string(": ") + value : "");
+    if (!good)
+      *error = std::string("bad value for ") + name + (value ? std::string(": ") + value : "");
     return true;
   }
   return false;
@@ -191,14 +192,17 @@ const char* FailureText(FetchStatus status) {
 int WriteReport(const std::string& text, Format format, uint16_t port) {
   StatusReport report;
   std::string error;
-  const ReportScope scope = format == Format::kMetrics ? ReportScope::kUnforgeable
-                                                       : ReportScope::kWhole;
-  const ReportReading reading = text.empty() ? ReportReading::kNotAReport
-                                             : ParseStatusReport(text, scope, &report, &error);
+  const ReportScope scope =
+      format == Format::kMetrics ? ReportScope::kUnforgeable : ReportScope::kWhole;
+  const ReportReading reading =
+      text.empty() ? ReportReading::kNotAReport : ParseStatusReport(text, scope, &report, &error);
   if (reading == ReportReading::kNotAReport) {
-    if (text.empty()) error = "the daemon closed the connection without a report (are all its status children busy?)";
-    fprintf(stderr, "lockinfo: what klvlockd at 127.0.0.1:%u sent is not a whole status report: %s\n",
-            port, error.c_str());
+    if (text.empty())
+      error =
+          "the daemon closed the connection without a report (are all its status children busy?)";
+    fprintf(stderr,
+            "lockinfo: what klvlockd at 127.0.0.1:%u sent is not a whole status report: %s\n", port,
+            error.c_str());
     if (format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
     fflush(stdout);
     return static_cast<int>(FetchStatus::kReadFailed);
@@ -224,8 +228,7 @@ int ShowReport(const Options& options, uint16_t port) {
   const FetchStatus status = FetchReport(port, options.limits, &stop_requested, &text, &failure);
   if (status == FetchStatus::kDone) return WriteReport(text, options.format, port);
   if (status == FetchStatus::kInterrupted) return static_cast<int>(status);
-  fprintf(stderr, "lockinfo: %s at 127.0.0.1:%u: %s\n", FailureText(status), port,
-          failure.c_str());
+  fprintf(stderr, "lockinfo: %s at 127.0.0.1:%u: %s\n", FailureText(status), port, failure.c_str());
   if (options.format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
   fflush(stdout);
   return static_cast<int>(status);

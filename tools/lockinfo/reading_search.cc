@@ -39,7 +39,9 @@ class Search {
  public:
   Search(size_t end, const std::vector<ListsCandidate>& candidates,
          const std::function<size_t(size_t)>& path_start)
-      : candidates_(candidates), path_start_(path_start), next_(candidates.size()),
+      : candidates_(candidates),
+        path_start_(path_start),
+        next_(candidates.size()),
         best_(candidates.size() + 1, kUnreachable) {
     for (size_t i = candidates.size(); i-- > 0;) {
       next_[i] = candidates[i].end == end ? kTerminal : FirstFor(candidates[i].end);
@@ -65,7 +67,7 @@ class Search {
   SearchResult Run(size_t first, const SectionCounts& totals, size_t most,
                    std::vector<Reading>* readings) const {
     struct Frame {
-      size_t next;  // the file's next candidate to try
+      size_t next;           // the file's next candidate to try
       SectionCounts counts;  // before the file
     };
     std::vector<Frame> stack = {{first, {}}};

@@ -37,8 +37,7 @@ enum class SearchResult { kComplete, kTooMany };
 // bound linear in the candidates.
 SearchResult FindReadings(size_t begin, size_t end, const std::vector<ListsCandidate>& candidates,
                           const std::function<size_t(size_t)>& path_start,
-                          const SectionCounts& totals, size_t most,
-                          std::vector<Reading>* readings);
+                          const SectionCounts& totals, size_t most, std::vector<Reading>* readings);
 
 }  // namespace klv
 

@@ -78,9 +78,8 @@ FetchStatus ConnectTo(const Connection& connection, uint16_t port, const FetchLi
 
 }  // namespace
 
-FetchStatus FetchReport(uint16_t port, const FetchLimits& limits,
-                        const volatile sig_atomic_t* stop, std::string* text,
-                        std::string* failure) {
+FetchStatus FetchReport(uint16_t port, const FetchLimits& limits, const volatile sig_atomic_t* stop,
+                        std::string* text, std::string* failure) {
   text->clear();
   const Connection connection;
   if (connection.Fd() < 0) {

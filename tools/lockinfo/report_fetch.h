@@ -24,9 +24,8 @@ struct FetchLimits {
 // Connects to the status port `port` on 127.0.0.1 and reads what the daemon
 // sends until it closes the connection into `text`. On a failure, `failure`
 // says what failed. A signal that sets *stop ends the fetch as kInterrupted.
-FetchStatus FetchReport(uint16_t port, const FetchLimits& limits,
-                        const volatile sig_atomic_t* stop, std::string* text,
-                        std::string* failure);
+FetchStatus FetchReport(uint16_t port, const FetchLimits& limits, const volatile sig_atomic_t* stop,
+                        std::string* text, std::string* failure);
 
 }  // namespace klv
 

@@ -159,8 +159,8 @@ bool ParseLockLists(ReportCursor& in, ReportFile* file) {
 }
 
 bool ParseFileHead(ReportCursor& in, ReportFile* file) {
-  return in.Expect("[") && in.Number(&file->key_hi) && in.Expect(",") &&
-         in.Number(&file->key_lo) && in.Expect("] ");
+  return in.Expect("[") && in.Number(&file->key_hi) && in.Expect(",") && in.Number(&file->key_lo) &&
+         in.Expect("] ");
 }
 
 bool ParseTotals(ReportCursor& in, ReportTotals* totals) {
@@ -226,16 +226,18 @@ class FileSection {
       ReportFile lists;
       if (!ParseLockLists(in, &lists) || !KnownHolders(lists)) continue;
       if (in.Position() != text_.size() && PathStart(in.Position()) == SIZE_MAX) continue;
-      candidates.push_back({at, in.Position(),
-                            {static_cast<uint32_t>(lists.opens.size()),
-                             static_cast<uint32_t>(lists.oplocks.size()),
-                             static_cast<uint32_t>(lists.record_locks.size())}});
+      candidates.push_back(
+          {at,
+           in.Position(),
+           {static_cast<uint32_t>(lists.opens.size()), static_cast<uint32_t>(lists.oplocks.size()),
+            static_cast<uint32_t>(lists.record_locks.size())}});
     }
     return candidates;
   }
 
   bool KnownHolders(const ReportFile& lists) const {
-    for (const std::vector<ReportLock>* rows : {&lists.opens, &lists.oplocks, &lists.record_locks}) {
+    for (const std::vector<ReportLock>* rows :
+         {&lists.opens, &lists.oplocks, &lists.record_locks}) {
       for (const ReportLock& row : *rows) {
         if (!holders_.contains(row.holder)) return false;
       }

@@ -75,13 +75,17 @@ class ReportCursor {
     return true;
   }
   bool AtEnd() { return Rest().empty() || Fail("the end of the report"); }
+  // Notes what was expected here; the line is counted only when asked for,
+  // since a failed reading of candidate lock lists is no error.
   bool Fail(const std::string& expected) {
-    const auto line = std::count(text_.begin(), text_.begin() + position_, '\n') + 1;
-    error_ = "line ";
-    error_ += std::to_string(line) + ": expected " + expected;
+    expected_ = expected;
+    failed_at_ = position_;
     return false;
   }
-  const std::string& Error() const { return error_; }
+  std::string Error() const {
+    const auto line = std::count(text_.begin(), text_.begin() + failed_at_, '\n') + 1;
+    return "line " + std::to_string(line) + ": expected " + expected_;
+  }
 
  private:
   std::string_view Rest() const { return text_.substr(position_); }
@@ -95,7 +99,8 @@ class ReportCursor {
 
   std::string_view text_;
   size_t position_ = 0;
-  std::string error_;
+  size_t failed_at_ = 0;
+  std::string expected_;
 };
 
 bool ParseClient(ReportCursor& in, ReportClient* client) {

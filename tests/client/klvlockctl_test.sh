@@ -111,6 +111,12 @@ done
 [ $? -eq 2 ] || fail "a 17-byte name was taken"
 printf 'noop\n' | "$klvlockctl" --port 65535 --timeout 100 >/dev/null 2>&1
 [ $? -eq 3 ] || fail "port 65535 was not taken"
+# A daemon that has stopped answering: no reply, status 3.
+kill -STOP "$_klvlockd_pid"
+printf 'noop\n' | "$klvlockctl" --timeout 100 >"$dir/stopped.out" 2>&1
+status=$?
+kill -CONT "$_klvlockd_pid"
+[ $status -eq 3 ] && grep -qxF "noop: no reply" "$dir/stopped.out" || fail "a silent daemon was not status 3"
 kill "$_klvlockd_pid"
 for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
 printf 'noop\n' | "$klvlockctl" >"$dir/none.out" 2>&1

@@ -110,8 +110,10 @@ done <<TABLE
 2|bad value for --watch: -1|--watch -1 $port
 2|give --json or --metrics once|--json --metrics $port
 2|unknown option --bogus|--bogus $port
+2|unknown option --timeoutx|--timeoutx 5 $port
 2|more than one port given|$port $port
 10|"65536" is not a valid port number|65536
+10|"0" is not a valid port number|0
 13|more than $((size - 1)) bytes (--max-bytes)|--max-bytes $((size - 1)) $port
 0|klvlockd_up 1|--timeout 86400 --max-bytes $size --metrics $port
 TABLE

@@ -55,15 +55,8 @@ std::array<uint32_t, 3> FidOf(const klvlock_request& request) {
 }  // namespace
 
 ExitStatus ExitStatusOf(int error) {
-  switch (error) {
-    case KLVLOCK_ETIMEDOUT:
-    case KLVLOCK_EUNREACHABLE:
-      return kExitNoReply;
-    case KLVLOCK_EINVAL:
-      return kExitUsage;
-    default:
-      return kExitFailure;
-  }
+  return error == KLVLOCK_ETIMEDOUT || error == KLVLOCK_EUNREACHABLE ? kExitNoReply
+                                                                     : kExitFailure;
 }
 
 RequestRunner::RequestRunner(klvlock::Session* session, Settings settings, FILE* out, FILE* err)

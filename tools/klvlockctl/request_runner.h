@@ -17,7 +17,7 @@ enum ExitStatus {
   kExitRefused = 1,  // under --strict: the daemon refused a request
   kExitUsage = 2,    // bad options, or a syntax error in a request line
   kExitNoReply = 3,  // no reply, or the daemon could not be reached
-  kExitFailure = 4,  // a system call or the client library failed on this side
+  kExitFailure = 4,  // the client library or a system call failed on this side
 };
 
 // The exit status for a klvlock error code other than KLVLOCK_OK.

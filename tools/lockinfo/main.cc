@@ -73,14 +73,14 @@ int UsageError(const std::string& message) {
   return kUsageError;
 }
 
-// Seconds from more than 0 to a day, fractions allowed, as milliseconds; 0
+// Seconds from a thousandth to a day, fractions allowed, as milliseconds; 0
 // when `text` is none.
 int Milliseconds(const char* text) {
   if (text == nullptr || *text < '0' || *text > '9') return 0;
   char* end = nullptr;
   const double seconds = strtod(text, &end);
-  if (*end != '\0' || !(seconds > 0 && seconds <= 86400)) return 0;
-  return seconds * 1000 < 1 ? 1 : static_cast<int>(seconds * 1000);
+  if (*end != '\0' || !(seconds <= 86400)) return 0;
+  return static_cast<int>(seconds * 1000);
 }
 
 // A byte count of at least 1, in digits; 0 when `text` is none.

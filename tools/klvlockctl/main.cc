@@ -53,7 +53,7 @@ class InputLoop {
       if (!pending_.empty()) RunLine(pending_);  // a last line without its newline
       return false;
     }
-    size_t searched = pending_.size();
+    const size_t searched = pending_.size();
     pending_.append(buffer, static_cast<size_t>(count));
     size_t line_start = 0;
     bool more = true;

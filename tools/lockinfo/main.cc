@@ -111,7 +111,6 @@ const char* OptionValue(int argc, char** argv, int* index, const char* name, boo
 // Reads an option with a value; false when argv[*index] is none. A bad value
 // sets *error.
 bool ReadValueOption(int argc, char** argv, int* index, Options* options, std::string* error) {
-  const std::string argument = argv[*index];
   for (const char* name : {"--timeout", "--max-bytes", "--watch"}) {
     bool missing = false;
     const char* value = OptionValue(argc, argv, index, name, &missing);

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # klvlockctl against the real daemon: two sessions meet on one file (oplock
 # grant after a probe, break, wait, retry notice, share and range conflicts,
-# all while idle at the prompt), then the exit statuses of --strict.
+# all while idle at the prompt), the end of a session at the end of input,
+# then the exit statuses of --strict and of bad lines.
 # Usage: klvlockctl_test.sh KLVLOCKD KLVLOCKCTL
 set -u
 klvlockd=$1
@@ -37,7 +38,7 @@ mkfifo "$dir/holder.in" "$dir/waiter.in"
 "$klvlockctl" --session 1 --name holder <"$dir/holder.in" >"$dir/holder.out" 2>&1 &
 pids+=($!)
 exec 3>"$dir/holder.in"
-"$klvlockctl" --session 2 --name waiter <"$dir/waiter.in" >"$dir/waiter.out" 2>&1 &
+"$klvlockctl" --session 2 --name waiter --keep-session <"$dir/waiter.in" >"$dir/waiter.out" 2>&1 &
 pids+=($!)
 exec 4>"$dir/waiter.in"
 
@@ -54,25 +55,53 @@ echo "open fid=2 file=10:20 access=write deny=none wait=1" >&4
 expect "$dir/waiter.out" "open fid=2: conflict"
 printf '# a range\nlock fid=2 file=10:20 offset=0 length=10\n' >&4
 expect "$dir/waiter.out" "lock fid=2: granted"
+expect "$dir/waiter.out" "klvlockctl: line 4: warning: fid=2 file=10:20 has no open in this session; the daemon never releases such a lock on its own"
 echo "lock fid=1 file=10:20 offset=5 length=10 shared" >&3
 expect "$dir/holder.out" "lock fid=1: conflict"
 exec 3>&- 4>&-
 wait "${pids[1]}" || fail "holder ended with status $?"
 wait "${pids[2]}" || fail "waiter ended with status $?"
+expect "$dir/holder.out" "end: done"
+grep -qxF "end: done" "$dir/waiter.out" && fail "--keep-session sent an end"
 
 # --strict: a refusal is status 1, a syntax error 2, an unreachable daemon 3.
-strict() { printf '%s\n' "$@" | "$klvlockctl" --strict --session 9 >"$dir/strict.out" 2>&1; }
-strict "noop" "lock fid=9 file=10:20 offset=9 length=1" "noop"
+strict() { printf '%b\n' "$@" | "$klvlockctl" --strict --session 9 >"$dir/strict.out" 2>&1; }
+# The holder's open (deny=write) went with its end; the waiter's range stayed.
+strict "open fid=9 file=10:20 access=write" "lock fid=9 file=10:20 offset=9 length=1" "noop"
 [ $? -eq 1 ] || fail "a refusal under --strict did not end with status 1"
+grep -qxF "open fid=9: granted oplock=0" "$dir/strict.out" || fail "the holder's open outlived it"
 grep -qxF "lock fid=9: conflict" "$dir/strict.out" || fail "no conflict line"
-[ "$(grep -c 'noop: done' "$dir/strict.out")" -eq 1 ] || fail "went on after the refusal"
-for bad in "lock fid=9 file=1:2 length=1 offset=x" "open fid=9 file=1:2 access=all" \
-  "open fid=9 file=1:2 deny=some"; do
-  strict "noop" "$bad"
-  [ $? -eq 2 ] || fail "\"$bad\" under --strict did not end with status 2"
-  grep -qF "line 2: bad value in \"${bad##* }\"" "$dir/strict.out" || fail "no syntax error line"
-done
-for option in "--portx 1" "--session x" "--timeout 0" "--port 65536"; do
+[ "$(grep -c 'noop: done' "$dir/strict.out")" -eq 0 ] || fail "went on after the refusal"
+grep -qxF "end: done" "$dir/strict.out" || fail "--strict stopped without an end"
+long=$(printf '%04095d' 0)
+while IFS='|' read -r line message; do
+  strict "noop" "$line"
+  [ $? -eq 2 ] || fail "\"$line\" under --strict did not end with status 2"
+  grep -qF "line 2: $message" "$dir/strict.out" || fail "no line \"$message\" for \"$line\""
+done <<TABLE
+lock fid=9 file=1:2 length=1 offset=x|bad value in "offset=x"
+open fid=9 file=1:2 access=all|bad value in "access=all"
+open fid=9 file=1:2 deny=some|bad value in "deny=some"
+open fid=1 fid=2 file=1:2|"fid" given twice
+lock fid=1 file=1:2 offset=0 length=1 shared shared|"shared" given twice
+open fid=1 file=1:2 path=/a\x00b|NUL byte at column 28
+open fid=1 file=1:2 path=/$long|path longer than 4095 bytes
+text x$long|text longer than 4095 bytes
+frob fid=1|unknown request "frob"
+close fid=1|close needs file=
+lock fid=1 file=1:2 offset=0 length=1 oplock|"oplock" is not a flag of lock
+wait 86401|bad number of seconds "86401"
+TABLE
+strict "open fid=1 file=1:2 path=${long:1}" "text ${long}"
+[ $? -eq 0 ] || fail "a path or text of 4095 bytes was refused"
+timeout 10 "$klvlockctl" <&- >"$dir/closed.out" 2>&1
+[ $? -eq 0 ] || fail "klvlockctl with standard input closed did not end with status 0"
+(unset _klvlockd_port; "$klvlockctl" </dev/null >"$dir/noport.out" 2>&1)
+[ $? -eq 2 ] || fail "no port did not end with status 2"
+[ "$(grep -c 'logs/klvlockd.env' "$dir/noport.out")" -eq 1 ] && [ "$(wc -l <"$dir/noport.out")" -eq 1 ] ||
+  fail "no one-line hint at the env file"
+for option in "--portx 1" "--session x" "--session 4294967296" "--timeout 0" "--timeout 3600001" \
+  "--port 65536"; do
   # shellcheck disable=SC2086
   "$klvlockctl" $option </dev/null >/dev/null 2>&1
   [ $? -eq 2 ] || fail "klvlockctl $option did not end with status 2"
@@ -82,6 +111,12 @@ done
 [ $? -eq 2 ] || fail "a 17-byte name was taken"
 printf 'noop\n' | "$klvlockctl" --port 65535 --timeout 100 >/dev/null 2>&1
 [ $? -eq 3 ] || fail "port 65535 was not taken"
+# A daemon that has stopped answering: no reply, status 3.
+kill -STOP "$_klvlockd_pid"
+printf 'noop\n' | "$klvlockctl" --timeout 100 >"$dir/stopped.out" 2>&1
+status=$?
+kill -CONT "$_klvlockd_pid"
+[ $status -eq 3 ] && grep -qxF "noop: no reply" "$dir/stopped.out" || fail "a silent daemon was not status 3"
 kill "$_klvlockd_pid"
 for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
 printf 'noop\n' | "$klvlockctl" >"$dir/none.out" 2>&1

@@ -26,13 +26,14 @@ std::string MakeDirectory() {
   return mkdtemp(pattern) != nullptr ? pattern : "";
 }
 
-// Starts klvlockd with `arguments`, standard input /dev/null, standard output
-// written to `out_path` and standard error appended to `err_path`.
+// Starts `program` (klvlockd unless given) with `arguments`, standard input
+// /dev/null, standard output written to `out_path` and standard error
+// appended to `err_path`.
 pid_t Spawn(const std::vector<std::string>& arguments, const std::string& out_path,
-            const std::string& err_path) {
+            const std::string& err_path, const char* program = KLVLOCKD_PATH) {
   // A daemon whose starting process has exited becomes this process's child.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  std::vector<char*> argv = {const_cast<char*>(KLVLOCKD_PATH)};
+  std::vector<char*> argv = {const_cast<char*>(program)};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   const pid_t pid = fork();
@@ -89,8 +90,13 @@ std::string WithoutTimeStamps(const std::string& text) {
 }
 
 ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms) {
+  return RunProgram(KLVLOCKD_PATH, arguments, timeout_ms);
+}
+
+ProgramRun RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                      int timeout_ms) {
   const std::string directory = MakeDirectory();
-  const pid_t pid = Spawn(arguments, directory + "/out", directory + "/err");
+  const pid_t pid = Spawn(arguments, directory + "/out", directory + "/err", program.c_str());
   ProgramRun run = {WaitForEnd(pid, timeout_ms), "", ""};
   if (run.end == ProcessEnd::StillRunning()) SignalOne(pid, SIGKILL);
   WaitForEnd(pid, timeout_ms);

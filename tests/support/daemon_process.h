@@ -47,6 +47,9 @@ struct ProgramRun {
 // Runs klvlockd with `arguments` (those after the program name) and waits up
 // to `timeout_ms` for it to end; a run that takes longer is killed.
 ProgramRun RunKlvlockd(const std::vector<std::string>& arguments, int timeout_ms = 5000);
+// The same for any program, as the tools.
+ProgramRun RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                      int timeout_ms = 5000);
 
 // The file's bytes from `offset` on; empty when it does not exist.
 std::string ReadFileFrom(const std::string& path, size_t offset = 0);

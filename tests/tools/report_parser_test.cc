@@ -4,8 +4,14 @@
 #include "tools/lockinfo/report_parser.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <regex>
 #include <string>
+#include <thread>
 
 #include "tests/end_to_end/lock_service_fixture.h"
 #include "tools/lockinfo/report_writers.h"
@@ -37,10 +43,16 @@ constexpr char kReport[] =
     "\n"
     "Files: 3 Used: 2 OpenLocks: 2 RecordLocks: 1 OpLocks: 1\n";
 
+std::string last_error;  // what the last reading said on failure
+
+ReportReading Read(std::string_view text, StatusReport* report,
+                   ReportScope scope = ReportScope::kWhole) {
+  return ParseStatusReport(text, scope, report, &last_error);
+}
+
 TEST(ReportParser, ReadsEveryRowOfAWrittenReport) {
   StatusReport report;
-  std::string error;
-  ASSERT_TRUE(ParseStatusReport(kReport, &report, &error)) << error;
+  ASSERT_EQ(Read(kReport, &report), ReportReading::kWhole) << last_error;
   EXPECT_EQ(report.time, "2024/05/17 14:03:07.412");
   EXPECT_EQ(report.version, "2.01.905");
   ASSERT_EQ(report.clients.size(), 2u);
@@ -71,9 +83,10 @@ TEST(ReportParser, ReadsEveryRowOfAWrittenReport) {
 TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
   const std::string whole = kReport;
   StatusReport report;
-  std::string error;
   for (size_t length = 0; length < whole.size(); ++length) {
-    EXPECT_FALSE(ParseStatusReport(whole.substr(0, length), &report, &error)) << length;
+    EXPECT_EQ(Read(whole.substr(0, length), &report, ReportScope::kUnforgeable),
+              ReportReading::kNotAReport)
+        << length;
   }
   const std::pair<std::string, std::string> kChanges[] = {{"  OK  ", "  ok  "},
                                                           {"[10,20]", "[10;20]"},
@@ -82,15 +95,14 @@ TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
   for (const auto& [from, to] : kChanges) {
     std::string changed = whole;
     changed.replace(changed.find(from), from.size(), to);
-    EXPECT_FALSE(ParseStatusReport(changed, &report, &error)) << to;
+    EXPECT_EQ(Read(changed, &report), ReportReading::kNotAReport) << to;
   }
-  EXPECT_EQ(error, "line 21: expected a number below 2^32");
+  EXPECT_EQ(last_error, "line 21: expected a number below 2^32");
 }
 
 TEST(ReportParser, JsonKeepsTheRowsAndEscapesNames) {
   StatusReport report;
-  std::string error;
-  ASSERT_TRUE(ParseStatusReport(kReport, &report, &error)) << error;
+  ASSERT_EQ(Read(kReport, &report), ReportReading::kWhole) << last_error;
   report.clients.resize(1);
   report.files.resize(1);
   EXPECT_EQ(ReportJson(report),
@@ -113,6 +125,94 @@ TEST(ReportParser, JsonKeepsTheRowsAndEscapesNames) {
 )");
 }
 
+// Two clients, each with one open; mallory's path is `path`.
+std::string TwoFiles(const std::string& path) {
+  return "2024/05/17 14:03:07.412 Ostrand Kelvane Lock Daemon 2.01.905\n\n"
+         "== Client information\n  Name            State SessionId   Address\n"
+         "  alice             OK     1    127.0.0.1:1\n  mallory           OK     5    *:2\n"
+         "\n== File lock information\n[10,20] /real\n  Open locks: [clientfid type]\n"
+         "    alice           1 OPEN_READ|DENY_NONE\n\n[30,40] " +
+         path +
+         "\n  Open locks: [clientfid type]\n    mallory         2 OPEN_READ|DENY_NONE\n\n"
+         "\nFiles: 2 Used: 2 OpenLocks: 2 RecordLocks: 0 OpLocks: 0\n";
+}
+
+TEST(ReportParser, PathsWithLineBreaksAreReadByTheTotalsOrCalledAmbiguous) {
+  const auto forged = [](const std::string& holder) {
+    return "/v\n  Open locks: [clientfid type]\n    " + holder +
+           " 9 OPEN_READ|DENY_NONE\n\n[1,2] /f";
+  };
+  struct Case {
+    std::string path;
+    ReportReading reading;
+    size_t files;
+  } const kCases[] = {{"a\nb\\c", ReportReading::kWhole, 2},
+                      {forged("nobody         "), ReportReading::kWhole, 2},  // not a client
+                      {forged("alice          "), ReportReading::kAmbiguous, 0}};
+  for (const Case& c : kCases) {
+    const std::string text = TwoFiles(c.path);
+    StatusReport report;
+    ASSERT_EQ(Read(text, &report), c.reading) << c.path;
+    ASSERT_EQ(report.files.size(), c.files) << c.path;
+    EXPECT_EQ(Read(text, &report, ReportScope::kUnforgeable), ReportReading::kWhole);
+    EXPECT_EQ(report.totals.open_locks, 2u);
+  }
+  StatusReport report;
+  Read(TwoFiles(kCases[0].path), &report);
+  EXPECT_EQ(report.files[1].path, "a\nb\\c");
+  EXPECT_EQ(ReportText(report), TwoFiles("a\\nb\\\\c"));
+  Read(TwoFiles(kCases[2].path), &report);
+  ASSERT_EQ(report.ambiguous.size(), 1u);
+  EXPECT_EQ(report.ambiguous[0].first_line, 9u);
+  EXPECT_EQ(report.ambiguous[0].last_line, 20u);
+  const std::string text = ReportText(report);
+  EXPECT_NE(text.find("\n? [1,2] /f\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("\n[1,2]"), std::string::npos) << text;
+}
+
+// lockinfo against a status port that accepts one connection and then sends
+// `sends` and closes, keeps the connection open in silence, or sends for ever.
+TEST(Lockinfo, BadServersAreErrors) {
+  enum class Then { kClose, kSilence, kFlood };
+  struct Server {
+    std::string sends;
+    Then then;
+    const char* says;
+  } const kServers[] = {
+      {"", Then::kClose, "closed the connection without a report"},
+      {"", Then::kSilence, "nothing came for 0.3 seconds (--timeout)"},
+      {std::string(kReport).substr(0, 500), Then::kClose, "expected \"\\nFiles: \""},
+      {"", Then::kFlood, "more than 100000 bytes (--max-bytes)"}};
+  for (const Server& server : kServers) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {
+        .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+    socklen_t length = sizeof address;
+    ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                listen(listener, 1) == 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    std::thread serve([&] {
+      pollfd watched = {listener, POLLIN, 0};
+      if (poll(&watched, 1, 5000) != 1) return;
+      const int connection = accept(listener, nullptr, nullptr);
+      send(connection, server.sends.data(), server.sends.size(), MSG_NOSIGNAL);
+      const std::string piece(65536, 'x');
+      pollfd peer = {connection, POLLIN, 0};  // lockinfo closes: readable at its end
+      for (int round = 0; server.then != Then::kClose && round < 500 && poll(&peer, 1, 10) == 0;
+           ++round) {
+        if (server.then == Then::kFlood) send(connection, piece.data(), piece.size(), MSG_NOSIGNAL);
+      }
+      close(connection);
+    });
+    const ProgramRun run = RunProgram(LOCKINFO_PATH, {"--timeout=0.3", "--max-bytes", "100000",
+                                                      std::to_string(ntohs(address.sin_port))});
+    serve.join();
+    close(listener);
+    EXPECT_EQ(run.end, ProcessEnd::Exited(13)) << server.says;
+    EXPECT_NE(run.err.find(server.says), std::string::npos) << run.err;
+  }
+}
+
 class ReportParserOnDaemon : public LockServiceTest {};
 
 TEST_F(ReportParserOnDaemon, ReadsTheReportOfARunningDaemon) {
@@ -126,8 +226,7 @@ TEST_F(ReportParserOnDaemon, ReadsTheReportOfARunningDaemon) {
   std::string text;
   ASSERT_TRUE(daemon_.ReadStatusReport(&text));
   StatusReport report;
-  std::string error;
-  ASSERT_TRUE(ParseStatusReport(text, &report, &error)) << error << "\n" << text;
+  ASSERT_EQ(Read(text, &report), ReportReading::kWhole) << last_error << "\n" << text;
   ASSERT_EQ(report.clients.size(), 2u);
   for (const ReportClient& client : report.clients) {
     const bool is_alpha = client.name == "alpha";
@@ -141,10 +240,6 @@ TEST_F(ReportParserOnDaemon, ReadsTheReportOfARunningDaemon) {
   EXPECT_EQ(report.files[0].opens[0].mode, "OPEN_READWRITE|DENY_WRITE");
   ASSERT_EQ(report.files[0].record_locks.size(), 1u);
   EXPECT_EQ(report.files[0].record_locks[0].offset, 100u);
-  const std::string metrics = ReportMetrics(report);
-  EXPECT_NE(metrics.find("\nklvlockd_clients{state=\"ok\"} 2\n"), std::string::npos) << metrics;
-  EXPECT_NE(metrics.find("\nklvlockd_open_locks 2\n"), std::string::npos) << metrics;
-  EXPECT_NE(metrics.find("\nklvlockd_record_locks 1\n"), std::string::npos) << metrics;
 }
 
 }  // namespace

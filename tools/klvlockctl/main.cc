@@ -12,6 +12,7 @@
 #include "client/klvlock.hpp"
 #include "tools/klvlockctl/options.h"
 #include "tools/klvlockctl/request_runner.h"
+#include "tools/standard_descriptors.h"
 
 namespace klv {
 namespace {
@@ -42,7 +43,8 @@ class InputLoop {
   }
 
   // Reads what standard input has and runs each whole line; false at the end
-  // of input or when the runner says stop.
+  // of input or when the runner says stop. Only the bytes just read are
+  // searched for a line end, so a long line costs time in proportion to it.
   bool ReadInput() {
     char buffer[4096];
     const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
@@ -51,13 +53,17 @@ class InputLoop {
       if (!pending_.empty()) RunLine(pending_);  // a last line without its newline
       return false;
     }
+    const size_t searched = pending_.size();
     pending_.append(buffer, static_cast<size_t>(count));
-    for (size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
-      const std::string line = pending_.substr(0, end);
-      pending_.erase(0, end + 1);
-      if (!RunLine(line)) return false;
+    size_t line_start = 0;
+    bool more = true;
+    for (size_t end = pending_.find('\n', searched); more && end != std::string::npos;
+         end = pending_.find('\n', line_start)) {
+      more = RunLine(pending_.substr(line_start, end - line_start));
+      line_start = end + 1;
     }
-    return true;
+    pending_.erase(0, line_start);
+    return more;
   }
 
   bool RunLine(const std::string& line) { return runner_->RunLine(line, ++line_number_); }
@@ -69,8 +75,14 @@ class InputLoop {
   int line_number_ = 0;
 };
 
-// Everything but the exit: options, the session, the input loop.
+constexpr const char* kNoPortHint =
+    "klvlockctl: no --port given and $_klvlockd_port is not set; source the daemon's env file "
+    "first: . /run/klvlockd/klvlockd.env (the service) or . logs/klvlockd.env (scripts/start.sh)\n";
+
+// Everything but the exit: options, the session, the input loop, and the end
+// of the session unless it is to be kept.
 int RunKlvlockctl(int argc, char** argv) {
+  GuardStandardDescriptors();  // a closed standard input must not become the session's socket
   Options options;
   std::string error;
   switch (ParseOptions(argc, argv, getenv("_klvlockd_port"), static_cast<uint32_t>(getpid()),
@@ -84,16 +96,20 @@ int RunKlvlockctl(int argc, char** argv) {
     case OptionsOutcome::kBad:
       fprintf(stderr, "klvlockctl: %s\nTry klvlockctl --help.\n", error.c_str());
       return kExitUsage;
+    case OptionsOutcome::kNoPort:
+      fputs(kNoPortHint, stderr);
+      return kExitUsage;
     case OptionsOutcome::kRun:
       break;
   }
   klvlock::Session session(options.port, options.session, options.name);
   if (session.Error() != KLVLOCK_OK) {
     fprintf(stderr, "klvlockctl: cannot open a session: %s\n", klvlock_strerror(session.Error()));
-    return kExitNoReply;
+    return ExitStatusOf(session.Error());
   }
   RequestRunner runner(&session, {options.timeout_ms, options.strict}, stdout, stderr);
   InputLoop(&session, &runner, isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)).Run();
+  if (!options.keep_session) runner.EndSession();
   return runner.Status();
 }
 

@@ -74,6 +74,10 @@ OptionsOutcome ParseOptions(int argc, char** argv, const char* environment_port,
       options->strict = true;
       continue;
     }
+    if (strcmp(argument, "--keep-session") == 0) {
+      options->keep_session = true;
+      continue;
+    }
     const char* value = nullptr;
     bool known = false;
     for (const char* name : {"--port", "--session", "--name", "--timeout"}) {
@@ -88,16 +92,14 @@ OptionsOutcome ParseOptions(int argc, char** argv, const char* environment_port,
       return OptionsOutcome::kBad;
     }
   }
-  if (!have_port) {
-    *error = "no daemon port: give --port or set _klvlockd_port";
-    return OptionsOutcome::kBad;
-  }
+  if (!have_port) return OptionsOutcome::kNoPort;
   return OptionsOutcome::kRun;
 }
 
 std::string HelpText() {
   return std::string(
              "Usage: klvlockctl [--port N] [--session N] [--name NAME] [--timeout MS] [--strict]\n"
+             "                  [--keep-session]\n"
              "       klvlockctl --help | --version\n"
              "Opens one session with klvlockd on 127.0.0.1 and sends one request per line\n"
              "read from standard input, printing one line per reply and per event.\n"
@@ -106,14 +108,16 @@ std::string HelpText() {
              "  --name NAME   the client name, at most 16 bytes (default: klvlockctl)\n"
              "  --timeout MS  how long to wait for each reply (default: 2000)\n"
              "  --strict      stop at the first refusal, syntax error or lost reply\n"
+             "  --keep-session  at the end of input, keep what the session holds (no end)\n"
              "Exit status: 0 ok, 1 a request refused (--strict), 2 bad usage or request\n"
-             "syntax, 3 no reply or daemon unreachable.\n\n") +
+             "syntax, 3 no reply or daemon unreachable, 4 a failure on this side.\n\n") +
          RequestSyntax() +
          "\nExample:\n"
          "  eval \"$(klvlockd 30 /var/log/klvlock)\"\n"
          "  printf 'open fid=1 file=10:20 access=read deny=write oplock\\nwait 5\\n' | klvlockctl\n"
          "  probe answered\n"
-         "  open fid=1: granted oplock=1\n";
+         "  open fid=1: granted oplock=1\n"
+         "  end: done\n";
 }
 
 }  // namespace klv

@@ -13,9 +13,11 @@ struct Options {
   std::string name;       // the client name sent with every open
   int timeout_ms = 2000;  // how long a request waits for its reply
   bool strict = false;
+  bool keep_session = false;  // no client end when the input ends
 };
 
-enum class OptionsOutcome { kRun, kHelp, kVersion, kBad };
+// kNoPort: neither --port nor $_klvlockd_port.
+enum class OptionsOutcome { kRun, kHelp, kVersion, kBad, kNoPort };
 
 // Reads the options; `environment_port` is the value of _klvlockd_port or
 // null, `pid` the default session id. On kBad, *error says why.

@@ -77,6 +77,7 @@ constexpr ModeName kDenyNames[] = {{"none", KLVLOCK_DENY_NONE},
                                    {"msdos", KLVLOCK_DENY_MSDOS}};
 
 constexpr int kLongestWaitSeconds = 86400;
+constexpr size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
 
 bool Fail(std::string* error, const std::string& message) {
   *error = message;
@@ -132,7 +133,7 @@ bool SetValue(const Key& key, const std::string& value, Command* command) {
       return true;
     case ValueKind::kPath:
       command->path = value;
-      return !value.empty();
+      return !value.empty() && value.size() <= KLVLOCK_MAX_STRING;
     case ValueKind::kBare:
       request.*key.field = key.bare_value;
       return true;
@@ -141,21 +142,27 @@ bool SetValue(const Key& key, const std::string& value, Command* command) {
 }
 
 // One word of a request line: a known key of the verb, with a value when it
-// takes one.
-bool ParseWord(const VerbForm& form, const std::string& word, Command* command,
+// takes one, and not given before (a bit of *seen per key).
+bool ParseWord(const VerbForm& form, const std::string& word, uint32_t* seen, Command* command,
                std::string* error) {
   const size_t equals = word.find('=');
   const std::string name = word.substr(0, equals);
   const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
-  for (const Key& key : kKeys) {
+  for (size_t index = 0; index < kKeyCount; ++index) {
+    const Key& key = kKeys[index];
     if (name != key.name) continue;
     if (!Lists(form.allowed, name)) break;
+    if ((*seen >> index & 1) != 0) return Fail(error, "\"" + name + "\" given twice");
+    *seen |= 1u << index;
     const bool bare = key.kind == ValueKind::kBare;
     if (bare != (equals == std::string::npos)) {
       return Fail(error,
                   bare ? "\"" + name + "\" takes no value" : "\"" + name + "\" needs a value");
     }
     if (SetValue(key, value, command)) return true;
+    if (key.kind == ValueKind::kPath && value.size() > KLVLOCK_MAX_STRING) {
+      return Fail(error, "path longer than " + std::to_string(KLVLOCK_MAX_STRING) + " bytes");
+    }
     return Fail(error, "bad value in \"" + word + "\"");
   }
   return Fail(error, "\"" + name + "\" is not a flag of " + form.name);
@@ -186,10 +193,23 @@ const VerbForm* FindForm(const std::string& name) {
   return nullptr;
 }
 
+// True when the key `name` has its bit in `seen`.
+bool Seen(uint32_t seen, const std::string& name) {
+  for (size_t index = 0; index < kKeyCount; ++index) {
+    if (name == kKeys[index].name) return (seen >> index & 1) != 0;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool ParseRequestLine(const std::string& line, Command* command, std::string* error) {
   *command = Command();
+  // A NUL would cut a path or a text short without a word.
+  const size_t nul = line.find('\0');
+  if (nul != std::string::npos) {
+    return Fail(error, "NUL byte at column " + std::to_string(nul + 1));
+  }
   std::istringstream words(line);
   std::string verb;
   if (!(words >> verb) || verb[0] == '#') return true;
@@ -200,17 +220,17 @@ bool ParseRequestLine(const std::string& line, Command* command, std::string* er
   command->request.openmode = KLVLOCK_OPEN_READ | KLVLOCK_DENY_NONE;
   if (form->verb == Verb::kText) {
     command->text = RestOfLine(line, verb);
-    return true;
+    if (command->text.size() <= KLVLOCK_MAX_STRING) return true;
+    return Fail(error, "text longer than " + std::to_string(KLVLOCK_MAX_STRING) + " bytes");
   }
   if (form->verb == Verb::kWait) return ParseWait(&words, command, error);
-  std::string seen = " ";
-  for (std::string word; words >> word; seen += word.substr(0, word.find('=')) + " ") {
-    if (!ParseWord(*form, word, command, error)) return false;
+  uint32_t seen = 0;
+  for (std::string word; words >> word;) {
+    if (!ParseWord(*form, word, &seen, command, error)) return false;
   }
   std::istringstream required(form->required);
   for (std::string key; required >> key;) {
-    if (!Lists(seen.c_str(), key))
-      return Fail(error, form->name + std::string(" needs ") + key + "=");
+    if (!Seen(seen, key)) return Fail(error, form->name + std::string(" needs ") + key + "=");
   }
   return true;
 }

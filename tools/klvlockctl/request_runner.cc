@@ -48,7 +48,16 @@ std::string Failure(int error) {
   return std::string("error: ") + klvlock_strerror(error);
 }
 
+std::array<uint32_t, 3> FidOf(const klvlock_request& request) {
+  return {request.file.hi, request.file.lo, request.clientfid};
+}
+
 }  // namespace
+
+ExitStatus ExitStatusOf(int error) {
+  return error == KLVLOCK_ETIMEDOUT || error == KLVLOCK_EUNREACHABLE ? kExitNoReply
+                                                                     : kExitFailure;
+}
 
 RequestRunner::RequestRunner(klvlock::Session* session, Settings settings, FILE* out, FILE* err)
     : session_(session), settings_(settings), out_(out), err_(err) {
@@ -70,8 +79,16 @@ bool RequestRunner::RunLine(const std::string& line, int line_number) {
       Wait(command.wait_ms);
       return true;
     default:
-      return Call(command);
+      return Call(command, line_number);
   }
+}
+
+void RequestRunner::EndSession() {
+  if (!sent_since_end_) return;
+  Command end;
+  end.verb = Verb::kEnd;
+  end.request.code = KLVLOCK_REQ_CLIENT_END;
+  Call(end, 0);
 }
 
 void RequestRunner::ReadSession() {
@@ -79,17 +96,39 @@ void RequestRunner::ReadSession() {
   if (result < 0) PrintLine(std::string("session: ") + Failure(result));
 }
 
-bool RequestRunner::Call(const Command& command) {
+bool RequestRunner::Call(const Command& command, int line_number) {
   klvlock_request request = command.request;
   request.path = command.path.c_str();
   request.text = command.text.c_str();
+  WarnIfNotOpen(command, line_number);
+  sent_since_end_ = request.code != KLVLOCK_REQ_CLIENT_END;
   const klvlock::Result result = session_->Call(request, settings_.timeout_ms);
   if (!result.Ok()) {
     PrintLine(Subject(command) + ": " + Failure(result.error));
-    return Note(kExitNoReply);
+    return Note(ExitStatusOf(result.error));
   }
   PrintLine(Subject(command) + ": " + Outcome(result.reply));
+  if (result.reply.status == KLVLOCK_STATUS_DONE) NoteDone(request);
   return result.reply.status == KLVLOCK_STATUS_DONE || Note(kExitRefused);
+}
+
+void RequestRunner::WarnIfNotOpen(const Command& command, int line_number) {
+  const uint32_t code = command.request.code;
+  if ((code != KLVLOCK_REQ_LOCK && code != KLVLOCK_REQ_UNLOCK) ||
+      open_fids_.contains(FidOf(command.request))) {
+    return;
+  }
+  fprintf(err_,
+          "klvlockctl: line %d: warning: fid=%u file=%u:%u has no open in this session; the "
+          "daemon never releases such a lock on its own\n",
+          line_number, command.request.clientfid, command.request.file.hi, command.request.file.lo);
+  fflush(err_);
+}
+
+void RequestRunner::NoteDone(const klvlock_request& request) {
+  if (request.code == KLVLOCK_REQ_OPEN) open_fids_.insert(FidOf(request));
+  if (request.code == KLVLOCK_REQ_CLOSE) open_fids_.erase(FidOf(request));
+  if (request.code == KLVLOCK_REQ_CLIENT_END) open_fids_.clear();
 }
 
 void RequestRunner::Wait(int wait_ms) {

@@ -1,24 +1,33 @@
 // lockinfo: prints the status report of a running klvlockd, as it stands, as
-// JSON or as metrics for a text-file collector.
+// JSON or as metrics for a text-file collector, once or every few seconds.
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "daemon/status_probe.h"
+#include "tools/lockinfo/report_fetch.h"
 #include "tools/lockinfo/report_parser.h"
 #include "tools/lockinfo/report_writers.h"
+#include "tools/standard_descriptors.h"
 
 namespace klv {
 
 namespace {
 
-// The exit status of a wrong command line, which the probe form does not have.
+// Exit statuses beyond those of the fetch.
 constexpr int kUsageError = 2;
+constexpr int kNotAPort = 10;
+constexpr int kAmbiguous = 14;
 constexpr const char* kPortVariable = "_klvlockd_status";
 
 constexpr const char* kUsage =
-    "Usage: lockinfo [--json | --metrics] [PORT]\n"
+    "Usage: lockinfo [--json | --metrics] [--timeout SECONDS] [--max-bytes BYTES]\n"
+    "                [--watch SECONDS] [PORT]\n"
     "       lockinfo --help | --version\n";
 
 constexpr const char* kHelp =
@@ -27,25 +36,100 @@ constexpr const char* kHelp =
     "127.0.0.1 is PORT; without PORT, the port in $_klvlockd_status, which the\n"
     "daemon's start-up status line sets.\n"
     "\n"
-    "  --json      the report as one JSON object\n"
-    "  --metrics   client counts and totals in the Prometheus text format\n"
-    "  --help      this text\n"
-    "  --version   the version\n"
+    "  --json               the report as one JSON object\n"
+    "  --metrics            client counts and totals in the Prometheus text format\n"
+    "  --timeout SECONDS    give up when the daemon sends nothing for so long\n"
+    "                       (default 30)\n"
+    "  --max-bytes BYTES    give up on a report longer than this (default 1073741824)\n"
+    "  --watch SECONDS      print the report again every SECONDS until interrupted\n"
+    "  --help               this text\n"
+    "  --version            the version\n"
     "\n"
     "Exit status: 0 done, 2 wrong command line, 10 not a valid port number,\n"
     "11 no local TCP socket, 12 the daemon could not be contacted, 13 reading\n"
-    "the report failed or what came was not a status report.\n";
+    "the report failed, timed out, went past --max-bytes, or what came was not a\n"
+    "whole status report, 14 a path or name with a line break makes part of the\n"
+    "report ambiguous (that part is marked, and left out of the files).\n";
+
+constexpr const char* kNoPortHint =
+    "lockinfo: no PORT given and $_klvlockd_status is not set; source the daemon's env file "
+    "first: . /run/klvlockd/klvlockd.env (the service) or . logs/klvlockd.env (scripts/start.sh)\n";
 
 enum class Format { kText, kJson, kMetrics };
 
 struct Options {
   Format format = Format::kText;
   const char* port = nullptr;
+  FetchLimits limits;
+  int watch_ms = 0;  // 0: print once
 };
+
+volatile sig_atomic_t stop_requested = 0;
+
+void RequestStop(int) { stop_requested = 1; }
 
 int UsageError(const std::string& message) {
   fprintf(stderr, "lockinfo: %s\n%s", message.c_str(), kUsage);
   return kUsageError;
+}
+
+// Seconds from a thousandth to a day, fractions allowed, as milliseconds; 0
+// when `text` is none.
+int Milliseconds(const char* text) {
+  if (text == nullptr || *text < '0' || *text > '9') return 0;
+  char* end = nullptr;
+  const double seconds = strtod(text, &end);
+  if (*end != '\0' || !(seconds <= 86400)) return 0;
+  return static_cast<int>(seconds * 1000);
+}
+
+// A byte count of at least 1, in digits; 0 when `text` is none.
+uint64_t ByteCount(const char* text) {
+  if (text == nullptr || *text < '0' || *text > '9') return 0;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long count = strtoull(text, &end, 10);
+  return errno == 0 && *end == '\0' ? count : 0;
+}
+
+// The value of option `name` at argv[*index], as "--name VALUE" or
+// "--name=VALUE"; null when argv[*index] is another option. `*missing` is
+// set when the option is there without a value.
+const char* OptionValue(int argc, char** argv, int* index, const char* name, bool* missing) {
+  const size_t length = strlen(name);
+  const char* argument = argv[*index];
+  if (strncmp(argument, name, length) != 0) return nullptr;
+  if (argument[length] == '=') return argument + length + 1;
+  if (argument[length] != '\0') return nullptr;
+  if (*index + 1 >= argc) {
+    *missing = true;
+    return nullptr;
+  }
+  return argv[++*index];
+}
+
+// Reads an option with a value; false when argv[*index] is none. A bad value
+// sets *error.
+bool ReadValueOption(int argc, char** argv, int* index, Options* options, std::string* error) {
+  for (const char* name : {"--timeout", "--max-bytes", "--watch"}) {
+    bool missing = false;
+    const char* value = OptionValue(argc, argv, index, name, &missing);
+    if (value == nullptr && !missing) continue;
+    bool good = false;
+    if (strcmp(name, "--max-bytes") == 0) {
+      options->limits.max_bytes = ByteCount(value);
+      good = options->limits.max_bytes > 0;
+    } else {
+      int& milliseconds =
+          strcmp(name, "--timeout") == 0 ? options->limits.timeout_ms : options->watch_ms;
+      milliseconds = Milliseconds(value);
+      good = milliseconds > 0;
+    }
+    if (!good)
+      *error = std::string("bad value for ") + name + (value ? std::string(": ") + value : "");
+    return true;
+  }
+  return false;
 }
 
 // Reads the command line into `options`; answers -1 to go on, or the exit
@@ -53,6 +137,7 @@ int UsageError(const std::string& message) {
 int ReadArguments(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
+    std::string error;
     if (argument == "--help") {
       printf("%s%s", kUsage, kHelp);
       return 0;
@@ -65,6 +150,8 @@ int ReadArguments(int argc, char** argv, Options* options) {
     if (json || argument == "--metrics") {
       if (options->format != Format::kText) return UsageError("give --json or --metrics once");
       options->format = json ? Format::kJson : Format::kMetrics;
+    } else if (ReadValueOption(argc, argv, &i, options, &error)) {
+      if (!error.empty()) return UsageError(error);
     } else if (argument.size() > 1 && argument[0] == '-') {
       return UsageError("unknown option " + argument);
     } else if (options->port != nullptr) {
@@ -89,54 +176,94 @@ uint16_t CheckedPort(const char* text, bool from_environment) {
   return 0;
 }
 
-const char* FailureText(int status) {
+const char* FailureText(FetchStatus status) {
   switch (status) {
-    case kNoLocalSocket:
+    case FetchStatus::kNoLocalSocket:
       return "cannot make a local TCP socket";
-    case kNoContact:
+    case FetchStatus::kNoContact:
       return "cannot contact klvlockd";
     default:
       return "error reading from klvlockd";
   }
 }
 
-// Writes the report in the chosen format; the status is that of the probe form.
+// Reads `text` and writes it in the chosen format; answers the exit status.
 int WriteReport(const std::string& text, Format format, uint16_t port) {
   StatusReport report;
   std::string error;
-  if (format == Format::kText) {
-    fwrite(text.data(), 1, text.size(), stdout);
-  } else if (!ParseStatusReport(text, &report, &error)) {
-    fprintf(stderr, "lockinfo: what klvlockd at 127.0.0.1:%u sent is not a status report: %s\n",
-            port, error.c_str());
+  const ReportScope scope =
+      format == Format::kMetrics ? ReportScope::kUnforgeable : ReportScope::kWhole;
+  const ReportReading reading =
+      text.empty() ? ReportReading::kNotAReport : ParseStatusReport(text, scope, &report, &error);
+  if (reading == ReportReading::kNotAReport) {
+    if (text.empty())
+      error =
+          "the daemon closed the connection without a report (are all its status children busy?)";
+    fprintf(stderr,
+            "lockinfo: what klvlockd at 127.0.0.1:%u sent is not a whole status report: %s\n", port,
+            error.c_str());
     if (format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
-    return kReadFailed;
-  } else {
-    fputs((format == Format::kJson ? ReportJson(report) : ReportMetrics(report)).c_str(), stdout);
+    fflush(stdout);
+    return static_cast<int>(FetchStatus::kReadFailed);
   }
+  const std::string out = format == Format::kJson      ? ReportJson(report)
+                          : format == Format::kMetrics ? ReportMetrics(report)
+                                                       : ReportText(report);
+  fwrite(out.data(), 1, out.size(), stdout);
   fflush(stdout);
-  return kProbeDone;
+  for (const AmbiguousStretch& stretch : report.ambiguous) {
+    fprintf(stderr,
+            "lockinfo: lines %zu to %zu of the report can be read in more than one way (a path "
+            "holds a line break); they are not shown as files\n",
+            stretch.first_line, stretch.last_line);
+  }
+  return reading == ReportReading::kAmbiguous ? kAmbiguous : 0;
+}
+
+// One round: fetches the report and prints it; answers the exit status.
+int ShowReport(const Options& options, uint16_t port) {
+  std::string text;
+  std::string failure;
+  const FetchStatus status = FetchReport(port, options.limits, &stop_requested, &text, &failure);
+  if (status == FetchStatus::kDone) return WriteReport(text, options.format, port);
+  if (status == FetchStatus::kInterrupted) return static_cast<int>(status);
+  fprintf(stderr, "lockinfo: %s at 127.0.0.1:%u: %s\n", FailureText(status), port, failure.c_str());
+  if (options.format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
+  fflush(stdout);
+  return static_cast<int>(status);
+}
+
+// Shows the report every options.watch_ms until SIGINT or SIGTERM, each round
+// on a cleared screen when standard output is a terminal; exits 0.
+int Watch(const Options& options, uint16_t port) {
+  struct sigaction action = {};
+  action.sa_handler = RequestStop;  // no SA_RESTART: the waits end at once
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  const bool terminal = isatty(STDOUT_FILENO);
+  while (stop_requested == 0) {
+    if (terminal) fputs("\033[H\033[2J", stdout);
+    ShowReport(options, port);
+    if (stop_requested == 0) poll(nullptr, 0, options.watch_ms);
+  }
+  return 0;
 }
 
 // The whole program: reads the command line, fetches the report and prints it.
 int Run(int argc, char** argv) {
+  GuardStandardDescriptors();
   Options options;
   const int done = ReadArguments(argc, argv, &options);
   if (done >= 0) return done;
   const bool from_environment = options.port == nullptr;
   if (from_environment) options.port = getenv(kPortVariable);
   if (options.port == nullptr || options.port[0] == '\0') {
-    return UsageError("no port given, and $_klvlockd_status is not set");
+    fputs(kNoPortHint, stderr);
+    return kUsageError;
   }
   const uint16_t port = CheckedPort(options.port, from_environment);
   if (port == 0) return kNotAPort;
-  std::string text;
-  std::string failure;
-  const ProbeStatus status = FetchStatusReport(port, &text, &failure);
-  if (status == kProbeDone) return WriteReport(text, options.format, port);
-  fprintf(stderr, "lockinfo: %s at 127.0.0.1:%u: %s\n", FailureText(status), port, failure.c_str());
-  if (options.format == Format::kMetrics) fputs(UnreachableMetrics().c_str(), stdout);
-  return status;
+  return options.watch_ms > 0 ? Watch(options, port) : ShowReport(options, port);
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <unordered_set>
+
+#include "tools/lockinfo/reading_search.h"
 
 namespace klv {
 
@@ -9,14 +12,27 @@ namespace {
 
 constexpr size_t kNameWidth = 15;
 constexpr size_t kTimeWidth = 23;  // "2024/05/17 14:03:07.412"
+constexpr std::string_view kBannerMiddle = " Ostrand Kelvane Lock Daemon ";
+constexpr std::string_view kClientSection = "\n\n== Client information\n";
 constexpr std::string_view kClientHeading = "  Name            State SessionId   Address\n";
+constexpr std::string_view kFileSection = "\n== File lock information\n";
+constexpr std::string_view kOpenHeading = "  Open locks: [clientfid type]\n";
+constexpr std::string_view kOplockHeading = "  Op locks: [clientfid type]\n";
+constexpr std::string_view kRecordLockHeading = "  Record locks: [clientfid type offset length]\n";
+constexpr std::string_view kTotalsStart = "\nFiles: ";
 
-// Reads the report from front to back. Each reader consumes what it read and
+// More readings than this are not told apart: the whole file section is
+// then ambiguous.
+constexpr size_t kMostReadings = 64;
+
+// Reads the report from a position on. Each reader consumes what it read and
 // answers true, or leaves the text, notes what it expected and answers false.
 class ReportCursor {
  public:
-  explicit ReportCursor(std::string_view text) : text_(text) {}
+  explicit ReportCursor(std::string_view text, size_t position = 0)
+      : text_(text), position_(position) {}
 
+  size_t Position() const { return position_; }
   bool LooksAt(std::string_view expected) const { return Rest().starts_with(expected); }
   // Consumes `expected` when the text goes on with it; never an error.
   bool Skip(std::string_view expected) {
@@ -40,10 +56,8 @@ class ReportCursor {
   }
   // A client's name field: 15 bytes, padding blanks removed.
   bool Name(std::string* name) {
-    if (Rest().size() < kNameWidth) return Fail("a 15-character name field");
-    *name = std::string(Rest().substr(0, kNameWidth));
+    if (!Field(kNameWidth, name)) return Fail("a 15-character name field");
     name->erase(name->find_last_not_of(' ') + 1);
-    position_ += kNameWidth;
     return true;
   }
   bool Field(size_t width, std::string* value) {
@@ -61,13 +75,17 @@ class ReportCursor {
     return true;
   }
   bool AtEnd() { return Rest().empty() || Fail("the end of the report"); }
+  // Notes what was expected here; the line is counted only when asked for,
+  // since a failed reading of candidate lock lists is no error.
   bool Fail(const std::string& expected) {
-    const auto line = std::count(text_.begin(), text_.begin() + position_, '\n') + 1;
-    error_ = "line ";
-    error_ += std::to_string(line) + ": expected " + expected;
+    expected_ = expected;
+    failed_at_ = position_;
     return false;
   }
-  const std::string& Error() const { return error_; }
+  std::string Error() const {
+    const auto line = std::count(text_.begin(), text_.begin() + failed_at_, '\n') + 1;
+    return "line " + std::to_string(line) + ": expected " + expected_;
+  }
 
  private:
   std::string_view Rest() const { return text_.substr(position_); }
@@ -81,7 +99,8 @@ class ReportCursor {
 
   std::string_view text_;
   size_t position_ = 0;
-  std::string error_;
+  size_t failed_at_ = 0;
+  std::string expected_;
 };
 
 bool ParseClient(ReportCursor& in, ReportClient* client) {
@@ -124,44 +143,202 @@ bool ParseRecordLockRow(ReportCursor& in, ReportLock* lock) {
          in.Number(&lock->offset) && in.Expect(" ") && in.Number(&lock->length) && in.Expect("\n");
 }
 
-// One list of a file: its heading, then its rows, each indented by four blanks.
+// One list of a file: its heading, then at least one row, each indented by
+// four blanks; the daemon leaves an empty list out. True when absent.
 bool ParseRows(ReportCursor& in, std::string_view heading, std::vector<ReportLock>* rows,
                bool (*parse_row)(ReportCursor&, ReportLock*)) {
   if (!in.Skip(heading)) return true;
-  while (in.LooksAt("    ")) {
+  do {
     if (!parse_row(in, &rows->emplace_back())) return false;
-  }
+  } while (in.LooksAt("    "));
   return true;
 }
 
-bool ParseFile(ReportCursor& in, ReportFile* file) {
-  return in.Expect("[") && in.Number(&file->key_hi) && in.Expect(",") && in.Number(&file->key_lo) &&
-         in.Expect("] ") && in.Upto('\n', &file->path) && in.Expect("\n") &&
-         ParseRows(in, "  Open locks: [clientfid type]\n", &file->opens, ParseOpenRow) &&
-         ParseRows(in, "  Op locks: [clientfid type]\n", &file->oplocks, ParseOplockRow) &&
-         ParseRows(in, "  Record locks: [clientfid type offset length]\n", &file->record_locks,
-                   ParseRecordLockRow) &&
+// A file's lock lists, at least one, and the blank line that closes them.
+bool ParseLockLists(ReportCursor& in, ReportFile* file) {
+  return ParseRows(in, kOpenHeading, &file->opens, ParseOpenRow) &&
+         ParseRows(in, kOplockHeading, &file->oplocks, ParseOplockRow) &&
+         ParseRows(in, kRecordLockHeading, &file->record_locks, ParseRecordLockRow) &&
+         file->opens.size() + file->oplocks.size() + file->record_locks.size() > 0 &&
          in.Expect("\n");
 }
 
+bool ParseFileHead(ReportCursor& in, ReportFile* file) {
+  return in.Expect("[") && in.Number(&file->key_hi) && in.Expect(",") && in.Number(&file->key_lo) &&
+         in.Expect("] ");
+}
+
 bool ParseTotals(ReportCursor& in, ReportTotals* totals) {
-  return in.Expect("\nFiles: ") && in.Number(&totals->files) && in.Expect(" Used: ") &&
+  return in.Expect(kTotalsStart) && in.Number(&totals->files) && in.Expect(" Used: ") &&
          in.Number(&totals->used) && in.Expect(" OpenLocks: ") && in.Number(&totals->open_locks) &&
          in.Expect(" RecordLocks: ") && in.Number(&totals->record_locks) &&
          in.Expect(" OpLocks: ") && in.Number(&totals->oplocks) && in.Expect("\n") && in.AtEnd();
 }
 
+// The banner, the client table and the heading of the file section.
+bool ParseHead(ReportCursor& in, StatusReport* report) {
+  return in.Field(kTimeWidth, &report->time) && in.Expect(kBannerMiddle) &&
+         in.Upto('\n', &report->version) && in.Expect(kClientSection) &&
+         ParseClients(in, &report->clients) && in.Expect(kFileSection);
+}
+
+// Where a file starts and the candidate that closes it.
+struct FileSpan {
+  size_t start = 0;
+  size_t pick = 0;
+  bool operator==(const FileSpan&) const = default;
+};
+
+// The file section: text[begin, end) of a report cut before its totals line.
+class FileSection {
+ public:
+  // A lock row names a client of the table, or no one once its client is gone.
+  FileSection(std::string_view text, size_t begin, const std::vector<ReportClient>& clients)
+      : text_(text), begin_(begin) {
+    for (const ReportClient& client : clients) holders_.insert(client.name);
+    holders_.insert("");
+  }
+
+  ReportReading Read(StatusReport* report, std::string* error) {
+    const ReportTotals& totals = report->totals;
+    candidates_ = Candidates();
+    std::vector<Reading> readings;
+    const SearchResult result = FindReadings(
+        begin_, text_.size(), candidates_, [this](size_t p) { return PathStart(p); },
+        {totals.used, totals.open_locks, totals.oplocks, totals.record_locks}, kMostReadings,
+        &readings);
+    if (result == SearchResult::kTooMany) return Ambiguous(0, begin_, text_.size(), report);
+    if (readings.empty()) {
+      *error = "lines " + std::to_string(LineOf(begin_)) + " to " +
+               std::to_string(LineOf(text_.size()) + 1) +
+               ": the files listed do not add up to the totals line";
+      return ReportReading::kNotAReport;
+    }
+    return Settle(readings, report);
+  }
+
+ private:
+  // Every line break that lock lists follow, in order.
+  std::vector<ListsCandidate> Candidates() const {
+    std::vector<ListsCandidate> candidates;
+    for (size_t at = text_.find('\n', begin_); at != std::string_view::npos;
+         at = text_.find('\n', at + 1)) {
+      ReportCursor in(text_, at + 1);
+      if (!in.LooksAt(kOpenHeading) && !in.LooksAt(kOplockHeading) &&
+          !in.LooksAt(kRecordLockHeading)) {
+        continue;
+      }
+      ReportFile lists;
+      if (!ParseLockLists(in, &lists) || !KnownHolders(lists)) continue;
+      if (in.Position() != text_.size() && PathStart(in.Position()) == SIZE_MAX) continue;
+      candidates.push_back(
+          {at,
+           in.Position(),
+           {static_cast<uint32_t>(lists.opens.size()), static_cast<uint32_t>(lists.oplocks.size()),
+            static_cast<uint32_t>(lists.record_locks.size())}});
+    }
+    return candidates;
+  }
+
+  bool KnownHolders(const ReportFile& lists) const {
+    for (const std::vector<ReportLock>* rows :
+         {&lists.opens, &lists.oplocks, &lists.record_locks}) {
+      for (const ReportLock& row : *rows) {
+        if (!holders_.contains(row.holder)) return false;
+      }
+    }
+    return true;
+  }
+
+  size_t PathStart(size_t position) const {
+    ReportCursor in(text_, position);
+    ReportFile file;
+    return ParseFileHead(in, &file) ? in.Position() : SIZE_MAX;
+  }
+
+  ReportFile FileOf(const FileSpan& span) const {
+    ReportFile file;
+    ReportCursor head(text_, span.start);
+    ParseFileHead(head, &file);
+    const size_t path_end = candidates_[span.pick].path_end;
+    file.path = std::string(text_.substr(head.Position(), path_end - head.Position()));
+    ReportCursor lists(text_, path_end + 1);
+    ParseLockLists(lists, &file);
+    return file;
+  }
+
+  // Keeps the files that all readings share at their start and at their end;
+  // what lies between them is ambiguous.
+  ReportReading Settle(const std::vector<Reading>& readings, StatusReport* report) const {
+    std::vector<std::vector<FileSpan>> spans(readings.size());
+    size_t shortest = SIZE_MAX;
+    for (size_t r = 0; r < readings.size(); ++r) {
+      size_t start = begin_;
+      for (size_t pick : readings[r]) {
+        spans[r].push_back({start, pick});
+        start = candidates_[pick].end;
+      }
+      shortest = std::min(shortest, spans[r].size());
+    }
+    // True when file `index(reading)` is the same in every reading.
+    const auto shared = [&spans](auto index) {
+      for (const std::vector<FileSpan>& reading : spans) {
+        if (reading[index(reading)] != spans[0][index(spans[0])]) return false;
+      }
+      return true;
+    };
+    size_t prefix = 0, suffix = 0;
+    while (prefix < shortest && shared([&](const auto&) { return prefix; })) ++prefix;
+    while (prefix + suffix < shortest &&
+           shared([&](const auto& reading) { return reading.size() - 1 - suffix; })) {
+      ++suffix;
+    }
+    const std::vector<FileSpan>& first = spans[0];
+    for (size_t i = 0; i < first.size(); ++i) {
+      if (i < prefix || i + suffix >= first.size()) report->files.push_back(FileOf(first[i]));
+    }
+    if (readings.size() == 1) return ReportReading::kWhole;
+    const size_t to = suffix == 0 ? text_.size() : first[first.size() - suffix].start;
+    return Ambiguous(prefix, first[prefix].start, to, report);
+  }
+
+  ReportReading Ambiguous(size_t at, size_t from, size_t to, StatusReport* report) const {
+    report->ambiguous.push_back(
+        {at, LineOf(from), LineOf(to - 1), std::string(text_.substr(from, to - from))});
+    return ReportReading::kAmbiguous;
+  }
+
+  size_t LineOf(size_t position) const {
+    return static_cast<size_t>(std::count(text_.begin(), text_.begin() + position, '\n')) + 1;
+  }
+
+  std::string_view text_;
+  size_t begin_;
+  std::unordered_set<std::string> holders_;
+  std::vector<ListsCandidate> candidates_;
+};
+
 }  // namespace
 
-bool ParseStatusReport(std::string_view text, StatusReport* report, std::string* error) {
+ReportReading ParseStatusReport(std::string_view text, ReportScope scope, StatusReport* report,
+                                std::string* error) {
+  *report = StatusReport();
   ReportCursor in(text);
-  bool parsed = in.Field(kTimeWidth, &report->time) && in.Expect(" Ostrand Kelvane Lock Daemon ") &&
-                in.Upto('\n', &report->version) && in.Expect("\n\n== Client information\n") &&
-                ParseClients(in, &report->clients) && in.Expect("\n== File lock information\n");
-  while (parsed && in.LooksAt("[")) parsed = ParseFile(in, &report->files.emplace_back());
-  parsed = parsed && ParseTotals(in, &report->totals);
-  if (!parsed) *error = in.Error();
-  return parsed;
+  if (!ParseHead(in, report)) {
+    *error = in.Error();
+    return ReportReading::kNotAReport;
+  }
+  // No path follows the totals line, so it is read from the end.
+  const size_t totals_at = text.rfind(kTotalsStart);
+  ReportCursor totals(text, totals_at == std::string_view::npos || totals_at < in.Position()
+                                ? text.size()
+                                : totals_at);
+  if (!ParseTotals(totals, &report->totals)) {
+    *error = totals.Error();
+    return ReportReading::kNotAReport;
+  }
+  if (scope == ReportScope::kUnforgeable) return ReportReading::kWhole;
+  return FileSection(text.substr(0, totals_at), in.Position(), report->clients).Read(report, error);
 }
 
 }  // namespace klv

@@ -50,18 +50,43 @@ struct ReportTotals {
   uint32_t oplocks = 0;
 };
 
+// A stretch of the file section that can be read in more than one way: the
+// daemon writes paths as the clients sent them, so a path that holds a line
+// break may pass for lock rows or for further files. It lies between
+// files[at - 1] and files[at]; `text` is its bytes, lines counted from 1.
+struct AmbiguousStretch {
+  size_t at = 0;
+  size_t first_line = 0;
+  size_t last_line = 0;
+  std::string text;
+};
+
 struct StatusReport {
   std::string time;     // "2024/05/17 14:03:07.412"
   std::string version;  // "2.01.905"
   std::vector<ReportClient> clients;
-  std::vector<ReportFile> files;  // only the files that hold a lock
+  std::vector<ReportFile> files;  // the files that hold a lock, each read for certain
   ReportTotals totals;
+  std::vector<AmbiguousStretch> ambiguous;  // none, or one
 };
 
-// Reads the whole `text` as one status report into `report`. False when the
-// text is not such a report, with "line N: expected ..." in `error`. A path
-// that holds a newline cannot be told from the lines that follow it.
-bool ParseStatusReport(std::string_view text, StatusReport* report, std::string* error);
+enum class ReportReading {
+  kWhole,      // every part read, in the one way the totals allow
+  kAmbiguous,  // `ambiguous` holds what could not be told apart
+  kNotAReport,
+};
+
+// What to read: the whole report, or only the parts that no client can forge
+// (banner, client table and totals), which the metrics need.
+enum class ReportScope { kWhole, kUnforgeable };
+
+// Reads the whole `text` as one status report into `report`. Client rows are
+// read by their fixed widths, so names cannot forge them; the totals line is
+// read from the end. The file section is read in every way that its grammar
+// allows and only the readings whose counts match the totals are kept. On
+// kNotAReport, *error says "line N: expected ..." or why the files do not add up.
+ReportReading ParseStatusReport(std::string_view text, ReportScope scope, StatusReport* report,
+                                std::string* error);
 
 }  // namespace klv
 

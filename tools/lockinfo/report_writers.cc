@@ -1,8 +1,10 @@
 #include "tools/lockinfo/report_writers.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <initializer_list>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -115,6 +117,14 @@ void AppendFile(std::string* out, const ReportFile& file) {
   *out += '}';
 }
 
+void AppendStretch(std::string* out, const AmbiguousStretch& stretch) {
+  *out += '{';
+  AppendMember(out, "first_line", static_cast<uint32_t>(stretch.first_line));
+  AppendMember(out, "last_line", static_cast<uint32_t>(stretch.last_line));
+  AppendMember(out, "text", stretch.text);
+  *out += '}';
+}
+
 void AppendTotals(std::string* out, const ReportTotals& totals) {
   *out += "\"totals\": {";
   AppendMember(out, "files", totals.files);
@@ -143,6 +153,74 @@ void AppendGauge(std::string* out, const char* name, const char* help,
   }
 }
 
+// Appends `bytes` with control characters, C1 controls and backslashes escaped.
+void AppendEscaped(std::string* out, std::string_view bytes) {
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\\') {
+      *out += "\\\\";
+    } else if (c == '\n') {
+      *out += "\\n";
+    } else if (c == '\t') {
+      *out += "\\t";
+    } else if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
+      char escape[8];
+      snprintf(escape, sizeof escape, "\\x%02x", byte);
+      *out += escape;
+    } else {
+      *out += c;
+    }
+  }
+}
+
+// A name field: the escaped name padded to 15 characters.
+void AppendNameField(std::string* out, const std::string& name) {
+  const size_t before = out->size();
+  AppendEscaped(out, name);
+  if (out->size() - before < 15) out->append(15 - (out->size() - before), ' ');
+}
+
+void AppendRows(std::string* out, const char* heading, const std::vector<ReportLock>& rows,
+                void (*append_fields)(std::string*, const ReportLock&)) {
+  if (rows.empty()) return;
+  *out += heading;
+  for (const ReportLock& row : rows) {
+    *out += "    ";
+    AppendNameField(out, row.holder);
+    *out += ' ' + std::to_string(row.clientfid) + ' ';
+    append_fields(out, row);
+    *out += '\n';
+  }
+}
+
+void AppendFileText(std::string* out, const ReportFile& file) {
+  *out += '[' + std::to_string(file.key_hi) + ',' + std::to_string(file.key_lo) + "] ";
+  AppendEscaped(out, file.path);
+  *out += '\n';
+  AppendRows(out, "  Open locks: [clientfid type]\n", file.opens,
+             [](std::string* o, const ReportLock& row) { *o += row.mode; });
+  AppendRows(out, "  Op locks: [clientfid type]\n", file.oplocks,
+             [](std::string* o, const ReportLock& row) { *o += std::to_string(row.type); });
+  AppendRows(out, "  Record locks: [clientfid type offset length]\n", file.record_locks,
+             [](std::string* o, const ReportLock& row) {
+               *o += std::to_string(row.type) + ' ' + std::to_string(row.offset) + ' ' +
+                     std::to_string(row.length);
+             });
+  *out += '\n';
+}
+
+// Each line of the stretch after "? ".
+void AppendStretchText(std::string* out, const AmbiguousStretch& stretch) {
+  std::string_view rest = stretch.text;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    *out += "? ";
+    AppendEscaped(out, rest.substr(0, end));
+    *out += '\n';
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+}
+
 constexpr const char* kUpHelp = "Whether the daemon's status report could be read.";
 
 }  // namespace
@@ -155,9 +233,39 @@ std::string ReportJson(const StatusReport& report) {
   AppendArray(&out, "clients", report.clients, 4, AppendClient);
   out += ",\n  ";
   AppendArray(&out, "files", report.files, 4, AppendFile);
+  if (!report.ambiguous.empty()) {
+    out += ",\n  ";
+    AppendArray(&out, "ambiguous", report.ambiguous, 4, AppendStretch);
+  }
   out += ",\n  ";
   AppendTotals(&out, report.totals);
   out += "}\n";
+  return out;
+}
+
+std::string ReportText(const StatusReport& report) {
+  std::string out = report.time + " Ostrand Kelvane Lock Daemon " + report.version +
+                    "\n\n== Client information\n";
+  if (!report.clients.empty()) out += "  Name            State SessionId   Address\n";
+  for (const ReportClient& client : report.clients) {
+    out += "  ";
+    AppendNameField(&out, client.name);
+    out += client.state == "OK" ? "   OK     " : "  WAIT    ";
+    out += std::to_string(client.session) + "    " + client.address + ':' +
+           std::to_string(client.port) + '\n';
+  }
+  out += "\n== File lock information\n";
+  for (size_t i = 0; i <= report.files.size(); ++i) {
+    for (const AmbiguousStretch& stretch : report.ambiguous) {
+      if (stretch.at == i) AppendStretchText(&out, stretch);
+    }
+    if (i < report.files.size()) AppendFileText(&out, report.files[i]);
+  }
+  const ReportTotals& totals = report.totals;
+  out += "\nFiles: " + std::to_string(totals.files) + " Used: " + std::to_string(totals.used) +
+         " OpenLocks: " + std::to_string(totals.open_locks) +
+         " RecordLocks: " + std::to_string(totals.record_locks) +
+         " OpLocks: " + std::to_string(totals.oplocks) + '\n';
   return out;
 }
 

@@ -14,7 +14,15 @@ namespace klv {
 //    [{"holder", "clientfid", "type", "offset", "length"}...]}...], "totals": {"files",
 //    "used", "open_locks", "record_locks", "oplocks"}}
 // Bytes of names and paths are read as ISO 8859-1, as the daemon reads them.
+// An ambiguous stretch adds "ambiguous": [{"first_line", "last_line", "text"}].
 std::string ReportJson(const StatusReport& report);
+
+// The report in the daemon's own layout, with every control character, C1
+// control and backslash of a name or path escaped (\n, \t, \\, \xHH), so
+// that no name or path can pass for a line of its own. A report without such
+// bytes comes out as the daemon sent it. Each line of an ambiguous stretch is
+// written after "? ", escaped likewise.
+std::string ReportText(const StatusReport& report);
 
 // The client counts and the totals in the Prometheus text exposition format,
 // with klvlockd_up 1.

@@ -19,7 +19,7 @@ tmp=$(mktemp -d)
 pid=
 . "$(dirname "$0")/../support/stop_pids.sh"
 cleanup() {
-  stop_pids "$pid"
+  stop_pids "$pid" "$(cat "$tmp/run/klvlockd.pid" 2>/dev/null)"
   rm -rf "$tmp"
 }
 trap cleanup EXIT
@@ -157,6 +157,7 @@ echo "$old_pid" >"$tmp/run/klvlockd.pid"
 status=0
 "$service" status >/dev/null || status=$?
 [ "$status" -eq 1 ] || fail "klvlockd-service status with a stale pid file exited $status, not 1"
+rm "$tmp/run/klvlockd.pid"
 # A status line that names no process of its own is refused, never signalled.
 printf '#!/bin/sh\necho "_klvlockd_port=1 ; _klvlockd_pid=0 ; _klvlockd_status=2; export _klvlockd_port _klvlockd_pid _klvlockd_status"\n' >"$tmp/pid0"
 chmod +x "$tmp/pid0"

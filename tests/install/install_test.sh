@@ -57,8 +57,10 @@ else
   export PKG_CONFIG_SYSROOT_DIR="$tmp/root"
   version=$(dpkg-deb -f "$tmp"/debs/klvlockd_*.deb Version)
   for tool in bin/lockinfo bin/klvlockctl; do
-    [ "$(LD_LIBRARY_PATH=$runtime_libs "$prefix/$tool" --version)" = "${tool#bin/} $version" ] ||
-      fail "$tool --version does not print the package's version $version"
+    case $(LD_LIBRARY_PATH=$runtime_libs "$prefix/$tool" --version | head -n 1) in
+      *" $version") ;;
+      *) fail "$tool --version does not print the package's version $version" ;;
+    esac
   done
 fi
 

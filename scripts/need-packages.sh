@@ -2,20 +2,23 @@
 # Makes sure the Debian packages of a set are installed:
 #   build  what scripts/start.sh needs to build the programs
 #   test   that, and what scripts/test.sh needs to build and run every test
+#   cluster  the cluster store's libraries, and etcd for its tests
 #   fuzz   what fuzz/run.sh needs: clang and its fuzzer and sanitizer runtime
 # Missing packages are installed with apt-get when run as root; otherwise the
 # command to run is printed and the exit status is 1.
-# Usage: scripts/need-packages.sh build|test|fuzz
+# Usage: scripts/need-packages.sh build|test|cluster|fuzz
 set -eu
 build_packages="g++ cmake make"
-test_packages="$build_packages libgtest-dev groff-base pkg-config"
+cluster_packages="etcd-server libcurl4-openssl-dev nlohmann-json3-dev"
+test_packages="$build_packages libgtest-dev groff-base pkg-config libcurl4-openssl-dev nlohmann-json3-dev"
 fuzz_packages="clang libclang-rt-14-dev"
 case ${1:-} in
   build) packages=$build_packages ;;
   test) packages=$test_packages ;;
+  cluster) packages=$cluster_packages ;;
   fuzz) packages=$fuzz_packages ;;
   *)
-    echo "usage: $0 build|test|fuzz" >&2
+    echo "usage: $0 build|test|cluster|fuzz" >&2
     exit 2
     ;;
 esac

@@ -9,6 +9,10 @@ set -u
 # shellcheck source=tests/support/stop_pids.sh
 . "$(dirname "$0")/../support/stop_pids.sh"
 etcd=${KLV_ETCD:-/usr/bin/etcd}
+if [ ! -x "$etcd" ]; then
+  echo "with_etcd.sh: $etcd is missing: run scripts/need-packages.sh cluster" >&2
+  exit 2
+fi
 directory=$(mktemp -d)
 etcd_pid=
 trap 'stop_pids "$etcd_pid"; rm -rf "$directory"' EXIT

@@ -80,8 +80,8 @@ std::string HostName() {
 
 }  // namespace
 
-bool ParseClusterConfig(const std::string& text, const std::string& origin,
-                        ClusterConfig* config, std::string* error) {
+bool ParseClusterConfig(const std::string& text, const std::string& origin, ClusterConfig* config,
+                        std::string* error) {
   *config = ClusterConfig();
   std::set<std::string> seen;
   std::stringstream lines(text);
@@ -126,8 +126,8 @@ bool ReadClusterConfig(const std::string& path, ClusterConfig* config, std::stri
   std::ifstream file(path);
   if (!file) {
     const int saved_errno = errno;
-    *error = "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) +
-             ".";
+    *error =
+        "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) + ".";
     return false;
   }
   std::stringstream text;

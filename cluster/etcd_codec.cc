@@ -41,7 +41,8 @@ bool Flag(const json& object, const char* name) {
 std::string Bytes(const json& object, const char* name) {
   const json* field = Field(object, name);
   std::string bytes;
-  if (field != nullptr && field->is_string()) Base64Decode(field->get_ref<const std::string&>(), &bytes);
+  if (field != nullptr && field->is_string())
+    Base64Decode(field->get_ref<const std::string&>(), &bytes);
   return bytes;
 }
 
@@ -52,8 +53,8 @@ const json& Items(const json& object, const char* name) {
 }
 
 KeyValue ToKeyValue(const json& kv) {
-  return {Bytes(kv, "key"),           Bytes(kv, "value"),       Number(kv, "create_revision"),
-          Number(kv, "mod_revision"), Number(kv, "version"),    Number(kv, "lease")};
+  return {Bytes(kv, "key"),           Bytes(kv, "value"),    Number(kv, "create_revision"),
+          Number(kv, "mod_revision"), Number(kv, "version"), Number(kv, "lease")};
 }
 
 std::vector<KeyValue> KeyValues(const json& reply) {
@@ -163,8 +164,10 @@ bool Base64Decode(const std::string& text, std::string* bytes) {
 }
 
 std::string TransactionBody(const Transaction& transaction) {
-  json request = {{"compare", json::array()}, {"success", json::array()}, {"failure", json::array()}};
-  for (const Compare& compare : transaction.compares) request["compare"].push_back(CompareRequest(compare));
+  json request = {
+      {"compare", json::array()}, {"success", json::array()}, {"failure", json::array()}};
+  for (const Compare& compare : transaction.compares)
+    request["compare"].push_back(CompareRequest(compare));
   for (const Operation& operation : transaction.success) {
     request["success"].push_back(OperationRequest(operation));
   }
@@ -227,8 +230,7 @@ bool ParseDone(const std::string& body, std::string* failure) {
   return ParseReply(body, &reply, failure);
 }
 
-WatchMessage ParseWatchMessage(const std::string& line, WatchReport* report,
-                               std::string* failure) {
+WatchMessage ParseWatchMessage(const std::string& line, WatchReport* report, std::string* failure) {
   json reply;
   if (!ParseReply(line, &reply, failure)) return WatchMessage::kError;
   const json* inner = Field(reply, "result");

@@ -184,7 +184,8 @@ void EtcdStore::Perform() {
   std::vector<std::pair<CURL*, CURLcode>> ended;
   int left = 0;
   while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
-    if (message->msg == CURLMSG_DONE) ended.emplace_back(message->easy_handle, message->data.result);
+    if (message->msg == CURLMSG_DONE)
+      ended.emplace_back(message->easy_handle, message->data.result);
   }
   for (const auto& [handle, code] : ended) Finish(handle, code);
 }

@@ -38,9 +38,8 @@ void MemoryData::AdvanceTime(int64_t ms) {
 
 void MemoryData::Compact(int64_t revision) {
   compacted_ = std::max(compacted_, std::min(revision, revision_));
-  std::erase_if(history_, [&](const WatchEvent& event) {
-    return event.kv.mod_revision < compacted_;
-  });
+  std::erase_if(history_,
+                [&](const WatchEvent& event) { return event.kv.mod_revision < compacted_; });
 }
 
 bool MemoryData::Apply(const Transaction& transaction, TransactionResult* result,
@@ -61,7 +60,8 @@ bool MemoryData::Apply(const Transaction& transaction, TransactionResult* result
   for (const Operation& operation : branch) {
     OperationResult& one = result->results.emplace_back();
     if (operation.kind == Operation::Kind::kPut) Put(operation);
-    if (operation.kind == Operation::Kind::kGet) one.kvs = Read(operation.key, operation.range_end).kvs;
+    if (operation.kind == Operation::Kind::kGet)
+      one.kvs = Read(operation.key, operation.range_end).kvs;
     if (operation.kind == Operation::Kind::kDelete) {
       one.deleted = Delete(operation.key, operation.range_end);
     }
@@ -258,8 +258,8 @@ void MemoryStore::At(int64_t due_ms, std::function<void()> action) {
 void MemoryStore::DeliverWatch() {
   if (watch_handler_ == nullptr) return;
   WatchReport report;
-  const bool kept = data_->ChangesSince(watch_prefix_, watch_next_, &report.events,
-                                        &report.compact_revision);
+  const bool kept =
+      data_->ChangesSince(watch_prefix_, watch_next_, &report.events, &report.compact_revision);
   if (watch_lost_ || !kept) {
     report.kind = watch_lost_ ? WatchReport::Kind::kLost : WatchReport::Kind::kCompacted;
     report.failure = watch_lost_ ? "injected" : "";

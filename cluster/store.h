@@ -113,8 +113,8 @@ struct Transaction {
 };
 
 struct TransactionResult {
-  bool succeeded = false;  // the compares held and the success branch ran
-  int64_t revision = 0;    // the store's revision after the transaction
+  bool succeeded = false;                // the compares held and the success branch ran
+  int64_t revision = 0;                  // the store's revision after the transaction
   std::vector<OperationResult> results;  // one per operation of the branch that ran
 };
 

@@ -6,7 +6,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
-#include <fstream>
+#include <cstdio>
 #include <set>
 #include <sstream>
 
@@ -123,16 +123,22 @@ bool ParseClusterConfig(const std::string& text, const std::string& origin, Clus
 }
 
 bool ReadClusterConfig(const std::string& path, ClusterConfig* config, std::string* error) {
-  std::ifstream file(path);
-  if (!file) {
-    const int saved_errno = errno;
-    *error =
-        "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) + ".";
+  FILE* file = fopen(path.c_str(), "r");
+  std::string text;
+  char buffer[4096];
+  size_t count = 0;
+  while (file != nullptr && (count = fread(buffer, 1, sizeof buffer, file)) > 0) {
+    text.append(buffer, count);
+  }
+  const int saved_errno = errno;
+  const bool failed = file == nullptr || ferror(file);
+  if (file != nullptr) fclose(file);
+  if (failed) {
+    *error = "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) +
+             ".";
     return false;
   }
-  std::stringstream text;
-  text << file.rdbuf();
-  return ParseClusterConfig(text.str(), path, config, error);
+  return ParseClusterConfig(text, path, config, error);
 }
 
 }  // namespace klv::cluster

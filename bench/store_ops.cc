@@ -1,10 +1,12 @@
 // The cost of one store transaction as the lock service will make it: a
 // compare of the node's registration and a put of a file summary bound to the
 // node's lease, driven from a select loop with a fixed number in flight.
-// Prints transactions per second and the latency p50/p99 for each number in
+// Prints transactions per second, the latency p50/p99 and the CPU time per
+// transaction of this client and of etcd (KLV_ETCD_PID) for each number in
 // flight. Runs against the etcd in KLV_ETCD_ENDPOINT, so:
 //   tests/cluster/with_etcd.sh build/release/bench/klv_store_ops [seconds] [in-flight...]
 // (default 5 seconds at 1 and at 64 in flight).
+#include <sys/resource.h>
 #include <sys/select.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/server_process.h"
 #include "cluster/etcd_store.h"
 
 namespace klv::cluster {
@@ -70,16 +73,26 @@ bool Register(Store* store, Node* node) {
   return RunUntil(store, &done) && node->registration != 0;
 }
 
+// This process's user and system time in seconds.
+double OwnCpuSeconds() {
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 struct Figures {
   size_t transactions = 0, failures = 0;
-  double seconds = 0;
+  double seconds = 0, client_cpu_seconds = 0, etcd_cpu_seconds = 0;
   std::vector<double> latencies_ms;
 };
 
 // Keeps `in_flight` transactions going for `seconds`, each on one of 1000
 // file keys in turn.
-Figures Measure(Store* store, const Node& node, int in_flight, double seconds) {
+Figures Measure(Store* store, const Node& node, int in_flight, double seconds,
+                const bench::ServerProcess& etcd) {
   Figures figures;
+  const double client_cpu = OwnCpuSeconds(), etcd_cpu = etcd.CpuSeconds();
   int running = 0;
   size_t next_file = 0;
   const Clock::time_point start = Clock::now();
@@ -105,6 +118,8 @@ Figures Measure(Store* store, const Node& node, int in_flight, double seconds) {
   for (int i = 0; i < in_flight; ++i) launch();
   while (running > 0) RunOnce(store);
   figures.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  figures.client_cpu_seconds = OwnCpuSeconds() - client_cpu;
+  figures.etcd_cpu_seconds = etcd.CpuSeconds() - etcd_cpu;
   return figures;
 }
 
@@ -129,14 +144,20 @@ int main(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) levels.push_back(atoi(argv[i]));
   if (levels.empty()) levels = {1, 64};
 
+  const char* etcd_pid = getenv("KLV_ETCD_PID");
+  const klv::bench::ServerProcess etcd(etcd_pid != nullptr ? atoi(etcd_pid) : 0);
   EtcdStore store({endpoint});
   Node node;
   if (!Register(&store, &node)) return 1;
   for (const int in_flight : levels) {
-    const Figures figures = Measure(&store, node, in_flight, seconds);
-    printf("in flight %3d: %7zu txn in %.1f s: %8.0f txn/s, latency p50 %.2f ms, p99 %.2f ms",
-           in_flight, figures.transactions, figures.seconds, figures.transactions / figures.seconds,
-           Percentile(figures.latencies_ms, 0.50), Percentile(figures.latencies_ms, 0.99));
+    const Figures figures = Measure(&store, node, in_flight, seconds, etcd);
+    const double count = static_cast<double>(std::max<size_t>(1, figures.transactions));
+    printf(
+        "in flight %3d: %7zu txn in %.1f s: %6.0f txn/s, latency p50 %.2f ms, p99 %.2f ms, "
+        "CPU per txn: client %.0f us, etcd %.0f us",
+        in_flight, figures.transactions, figures.seconds, figures.transactions / figures.seconds,
+        Percentile(figures.latencies_ms, 0.50), Percentile(figures.latencies_ms, 0.99),
+        figures.client_cpu_seconds / count * 1e6, figures.etcd_cpu_seconds / count * 1e6);
     printf(figures.failures > 0 ? ", %zu failed\n" : "\n", figures.failures);
   }
   return 0;

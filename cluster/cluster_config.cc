@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <charconv>
-#include <climits>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <set>
 #include <sstream>
 
@@ -45,15 +45,15 @@ bool IsEndpoint(const std::string& text) {
          ParseNumber(text.substr(colon + 1), 1, 65535, &port);
 }
 
+// Comma-separated endpoints; an empty item (as after a trailing comma) is bad.
 bool ParseEndpoints(const std::string& text, std::vector<std::string>* endpoints) {
-  std::stringstream list(text);
-  std::string item;
-  while (std::getline(list, item, ',')) {
-    item = Trimmed(item);
+  for (size_t start = 0, comma = 0; comma != std::string::npos; start = comma + 1) {
+    comma = text.find(',', start);
+    const std::string item = Trimmed(text.substr(start, comma - start));
     if (!IsEndpoint(item)) return false;
     endpoints->push_back(item);
   }
-  return !endpoints->empty();
+  return true;
 }
 
 // Stores one key's value; false for a bad value. `*known` tells whether the
@@ -62,13 +62,16 @@ bool SetValue(const std::string& key, const std::string& value, ClusterConfig* c
               bool* known) {
   *known = true;
   if (key == "endpoints") return ParseEndpoints(value, &config->endpoints);
-  if (key == "cluster") return config->cluster = value, IsName(value);
-  if (key == "node") return config->node = value, IsName(value);
   if (key == "lease_ttl") return ParseNumber(value, 2, 3600, &config->lease_ttl_s);
   if (key == "fence_delay") return ParseNumber(value, 0, 3600, &config->fence_delay_s);
   if (key == "defer_ms") return ParseNumber(value, 1, 60000, &config->defer_ms);
-  *known = false;
-  return false;
+  std::string* name = key == "cluster" ? &config->cluster : key == "node" ? &config->node : nullptr;
+  if (name == nullptr) {
+    *known = false;
+    return false;
+  }
+  *name = value;
+  return IsName(value);
 }
 
 std::string HostName() {
@@ -134,8 +137,8 @@ bool ReadClusterConfig(const std::string& path, ClusterConfig* config, std::stri
   const bool failed = file == nullptr || ferror(file);
   if (file != nullptr) fclose(file);
   if (failed) {
-    *error = "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) +
-             ".";
+    *error =
+        "Cannot read the cluster configuration file " + path + ": " + strerror(saved_errno) + ".";
     return false;
   }
   return ParseClusterConfig(text, path, config, error);

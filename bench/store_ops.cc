@@ -83,6 +83,7 @@ double OwnCpuSeconds() {
 
 struct Figures {
   size_t transactions = 0, failures = 0;
+  std::string first_failure;
   double seconds = 0, client_cpu_seconds = 0, etcd_cpu_seconds = 0;
   std::vector<double> latencies_ms;
 };
@@ -109,6 +110,9 @@ Figures Measure(Store* store, const Node& node, int in_flight, double seconds,
                     --running;
                     const bool good = result.Done() && reply.succeeded;
                     figures.failures += good ? 0 : 1;
+                    if (!good && figures.first_failure.empty()) {
+                      figures.first_failure = result.Done() ? "compare failed" : result.failure;
+                    }
                     figures.transactions += good ? 1 : 0;
                     figures.latencies_ms.push_back(
                         std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
@@ -116,7 +120,15 @@ Figures Measure(Store* store, const Node& node, int in_flight, double seconds,
                   });
   };
   for (int i = 0; i < in_flight; ++i) launch();
-  while (running > 0) RunOnce(store);
+  // The node's lease must outlive every run, as the daemon's will.
+  Clock::time_point renew = start;
+  while (running > 0) {
+    if (Clock::now() >= renew) {
+      store->KeepAlive(node.lease, [](const StoreResult&, const LeaseResult&) {});
+      renew += std::chrono::seconds(2);
+    }
+    RunOnce(store);
+  }
   figures.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   figures.client_cpu_seconds = OwnCpuSeconds() - client_cpu;
   figures.etcd_cpu_seconds = etcd.CpuSeconds() - etcd_cpu;
@@ -158,7 +170,10 @@ int main(int argc, char** argv) {
         in_flight, figures.transactions, figures.seconds, figures.transactions / figures.seconds,
         Percentile(figures.latencies_ms, 0.50), Percentile(figures.latencies_ms, 0.99),
         figures.client_cpu_seconds / count * 1e6, figures.etcd_cpu_seconds / count * 1e6);
-    printf(figures.failures > 0 ? ", %zu failed\n" : "\n", figures.failures);
+    if (figures.failures > 0) {
+      printf(", %zu failed, the first: %s", figures.failures, figures.first_failure.c_str());
+    }
+    printf("\n");
   }
   return 0;
 }

@@ -1,5 +1,6 @@
 #include "cluster/etcd_store.h"
 
+#include <functional>
 #include <utility>
 
 #include "cluster/etcd_codec.h"
@@ -16,6 +17,22 @@ constexpr long kPollWithoutDescriptorsMs = 100;
 bool ConnectionFailed(CURLcode code) {
   return code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
          code == CURLE_OPERATION_TIMEDOUT;
+}
+
+// The handler of a reply that `parse` reads into a Result for `done`; a reply
+// it cannot read makes the call refused.
+template <typename Result>
+std::function<void(const StoreResult&, const std::string&)> Parsed(
+    bool (*parse)(const std::string&, Result*, std::string*),
+    std::function<void(const StoreResult&, const Result&)> done) {
+  return [parse, done = std::move(done)](const StoreResult& sent, const std::string& body) {
+    StoreResult result = sent;
+    Result reply;
+    if (result.Done() && !parse(body, &reply, &result.failure)) {
+      result.status = StoreStatus::kRefused;
+    }
+    done(result, reply);
+  };
 }
 
 }  // namespace
@@ -45,52 +62,20 @@ EtcdStore::~EtcdStore() {
 }
 
 void EtcdStore::Commit(const Transaction& transaction, TransactionDone done) {
-  Post("/v3/kv/txn", etcd::TransactionBody(transaction),
-       [done = std::move(done)](const StoreResult& sent, const std::string& body) {
-         StoreResult result = sent;
-         TransactionResult reply;
-         if (result.Done() && !etcd::ParseTransaction(body, &reply, &result.failure)) {
-           result.status = StoreStatus::kRefused;
-         }
-         done(result, reply);
-       });
+  Post("/v3/kv/txn", etcd::TransactionBody(transaction), Parsed(etcd::ParseTransaction, done));
 }
 
 void EtcdStore::Range(const std::string& key, const std::string& range_end, RangeDone done) {
-  Post("/v3/kv/range", etcd::RangeBody(key, range_end),
-       [done = std::move(done)](const StoreResult& sent, const std::string& body) {
-         StoreResult result = sent;
-         RangeResult reply;
-         if (result.Done() && !etcd::ParseRange(body, &reply, &result.failure)) {
-           result.status = StoreStatus::kRefused;
-         }
-         done(result, reply);
-       });
+  Post("/v3/kv/range", etcd::RangeBody(key, range_end), Parsed(etcd::ParseRange, done));
 }
 
 void EtcdStore::GrantLease(int64_t ttl_s, LeaseDone done) {
-  Post("/v3/lease/grant", etcd::GrantBody(ttl_s),
-       [done = std::move(done)](const StoreResult& sent, const std::string& body) {
-         StoreResult result = sent;
-         LeaseResult reply;
-         if (result.Done() && !etcd::ParseLease(body, &reply, &result.failure)) {
-           result.status = StoreStatus::kRefused;
-         }
-         done(result, reply);
-       });
+  Post("/v3/lease/grant", etcd::GrantBody(ttl_s), Parsed(etcd::ParseLease, done));
 }
 
 void EtcdStore::KeepAlive(int64_t id, LeaseDone done) {
   // A stream on the wire; one request brings one message and the end.
-  Post("/v3/lease/keepalive", etcd::LeaseIdBody(id),
-       [done = std::move(done)](const StoreResult& sent, const std::string& body) {
-         StoreResult result = sent;
-         LeaseResult reply;
-         if (result.Done() && !etcd::ParseLease(body, &reply, &result.failure)) {
-           result.status = StoreStatus::kRefused;
-         }
-         done(result, reply);
-       });
+  Post("/v3/lease/keepalive", etcd::LeaseIdBody(id), Parsed(etcd::ParseLease, done));
 }
 
 void EtcdStore::RevokeLease(int64_t id, Done done) {

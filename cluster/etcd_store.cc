@@ -179,8 +179,9 @@ void EtcdStore::Finish(CURL* handle, CURLcode code) {
   if (watch_ != nullptr && handle == watch_->handle) {
     curl_multi_remove_handle(multi_, handle);
     if (MovedToNextEndpoint(watch_.get(), code)) return Send(watch_.get());
+    const uint64_t serial = watch_serial_;
     DeliverWatchMessages();
-    if (watch_ == nullptr || handle != watch_->handle) return;
+    if (watch_ == nullptr || watch_serial_ != serial) return;
     WatchReport lost;
     lost.kind = WatchReport::Kind::kLost;
     lost.failure = Outcome(watch_.get(), code).failure;
@@ -226,12 +227,13 @@ StoreResult EtcdStore::Outcome(Call* call, CURLcode code) const {
 }
 
 void EtcdStore::DeliverWatchMessages() {
-  if (watch_ == nullptr) return;
-  Call* const watch = watch_.get();
+  // A handler may end the watch or start another: then stop.
+  const uint64_t serial = watch_serial_;
   size_t end = 0;
-  while (watch_.get() == watch && (end = watch->received.find('\n')) != std::string::npos) {
-    const std::string line = watch->received.substr(0, end);
-    watch->received.erase(0, end + 1);
+  while (watch_ != nullptr && watch_serial_ == serial &&
+         (end = watch_->received.find('\n')) != std::string::npos) {
+    const std::string line = watch_->received.substr(0, end);
+    watch_->received.erase(0, end + 1);
     WatchReport report;
     std::string failure;
     switch (etcd::ParseWatchMessage(line, &report, &failure)) {
@@ -251,6 +253,7 @@ void EtcdStore::DeliverWatchMessages() {
 
 void EtcdStore::EndWatch(const WatchReport* report) {
   if (watch_ == nullptr) return;
+  ++watch_serial_;
   std::unique_ptr<Call> watch = std::move(watch_);
   WatchHandler handler = std::move(watch_handler_);
   watch_handler_ = nullptr;

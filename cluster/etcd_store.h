@@ -83,6 +83,7 @@ class EtcdStore : public Store {
   std::unordered_map<CURL*, std::unique_ptr<Call>> calls_;
   std::unique_ptr<Call> watch_;
   WatchHandler watch_handler_;
+  uint64_t watch_serial_ = 0;  // counts the watches ended
 };
 
 }  // namespace klv::cluster

@@ -2,24 +2,28 @@
 # Makes sure the Debian packages of a set are installed:
 #   build  what scripts/start.sh needs to build the programs
 #   test   that, and what scripts/test.sh needs to build and run every test
+#          (the cluster and package sets included)
+#   cluster  the cluster store's libraries, and etcd for its tests
 #   fuzz   what fuzz/run.sh needs: clang and its fuzzer and sanitizer runtime
 #   package  what scripts/build-packages.sh and the installation test need to
 #          build, check and try the Debian packages
 # Missing packages are installed with apt-get when run as root; otherwise the
 # command to run is printed and the exit status is 1.
-# Usage: scripts/need-packages.sh build|test|fuzz|package
+# Usage: scripts/need-packages.sh build|test|cluster|fuzz|package
 set -eu
 build_packages="g++ cmake make"
-test_packages="$build_packages libgtest-dev groff-base pkg-config"
-fuzz_packages="clang libclang-rt-14-dev"
+cluster_packages="etcd-server libcurl4-openssl-dev nlohmann-json3-dev"
 package_packages="$build_packages dpkg-dev debhelper lintian adduser bash-completion"
+test_packages="$build_packages libgtest-dev groff-base pkg-config $cluster_packages $package_packages"
+fuzz_packages="clang libclang-rt-14-dev"
 case ${1:-} in
   build) packages=$build_packages ;;
   test) packages=$test_packages ;;
+  cluster) packages=$cluster_packages ;;
   fuzz) packages=$fuzz_packages ;;
   package) packages=$package_packages ;;
   *)
-    echo "usage: $0 build|test|fuzz|package" >&2
+    echo "usage: $0 build|test|cluster|fuzz|package" >&2
     exit 2
     ;;
 esac

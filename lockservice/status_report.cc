@@ -4,6 +4,8 @@
 #include "foundation/time_stamp.h"
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
+#include "protocol/report_layout.h"
+#include "protocol/version.h"
 
 namespace klv {
 
@@ -18,21 +20,17 @@ struct ReportTotals {
 };
 
 const char* StateText(ClientState state) {
-  return state == ClientState::kOk ? "  OK     " : " WAIT    ";
+  return state == ClientState::kOk ? report::kStateOk : report::kStateWait;
 }
 
 }  // namespace
 
 void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
   FormatTimeStamp(out, TimeStamp::Now());
-  out << " "
-      << "Ostrand Kelvane Lock Daemon"
-      << " "
-      << "2.01.905"
-      << "\n\n";
-  out << "== Client information\n";
+  out << " " << kDaemonName << " " << kFullVersion << "\n\n";
+  out << report::kClientSection;
   WriteClientLines(out);
-  out << "\n== File lock information\n";
+  out << report::kFileSection;
   ReportTotals totals;
   const std::vector<RefString> holder_names = HolderNames();
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
@@ -44,45 +42,45 @@ void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
     totals.oplocks += file.oplocks.Count();
     WriteFileLines(out, file, holder_names);
   }
-  out << "\nFiles: " << files_.Size() << " Used: " << totals.files_used
-      << " OpenLocks: " << totals.open_locks << " RecordLocks: " << totals.record_locks
-      << " OpLocks: " << totals.oplocks << "\n";
+  out << report::kFilesLabel << files_.Size() << report::kUsedLabel << totals.files_used
+      << report::kOpenLocksLabel << totals.open_locks << report::kRecordLocksLabel
+      << totals.record_locks << report::kOplocksLabel << totals.oplocks << "\n";
 }
 
 void LockManagerDaemon::WriteClientLines(OutputStream& out) {
   if (clients_.Size() == 0) return;
-  out << "  Name            State SessionId   Address\n";
+  out << report::kClientHeading;
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     const ClientEntry& client = *it.Current();
-    out << "  ";
+    out << report::kIndent;
     WriteNameField(out, client.name);
-    out << " " << StateText(client.state) << client.session_id << "    " << client.Key().Address()
-        << "\n";
+    out << " " << StateText(client.state) << client.session_id << report::kAddressGap
+        << client.Key().Address() << "\n";
   }
 }
 
 void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
                                        const std::vector<RefString>& holder_names) {
   out << "[" << file.key.hi << "," << file.key.lo << "] " << file.path << "\n";
-  if (!file.opens.IsEmpty()) out << "  Open locks: [clientfid type]\n";
+  if (!file.opens.IsEmpty()) out << report::kOpenLocksHeading;
   for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
     const OpenLock& open = file.opens[slot];
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, HolderName(open.client));
     out << " " << open.clientfid << " ";
     WriteOpenMode(out, open.openmode);
     out << "\n";
   }
-  if (!file.oplocks.IsEmpty()) out << "  Op locks: [clientfid type]\n";
+  if (!file.oplocks.IsEmpty()) out << report::kOplocksHeading;
   for (uint32_t slot = 0; slot < file.oplocks.Count(); ++slot) {
     const OpLock& oplock = file.oplocks[slot];
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, HolderName(oplock.client));
     out << " " << oplock.clientfid << " " << oplock.type << "\n";
   }
-  if (!file.ranges.IsEmpty()) out << "  Record locks: [clientfid type offset length]\n";
+  if (!file.ranges.IsEmpty()) out << report::kRecordLocksHeading;
   file.ranges.ForEach([&](const RecordLock& range) {
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, holder_names[range.holder]);
     out << " " << range.clientfid << " " << unsigned{range.shared} << " " << range.offset << " "
         << range.length << "\n";

@@ -83,12 +83,6 @@ void RefString::Truncate(uint32_t length) {
   body_->buffer[length] = '\0';
 }
 
-uint32_t RefString::Hash() const {
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) hash = hash * 9 + static_cast<unsigned char>(Text()[i]);
-  return hash;
-}
-
 bool RefString::Equals(const RefString& other) const {
   if (body_ == other.body_) return true;
   return Equals(std::string_view(other.Text(), other.Length()));

@@ -48,8 +48,6 @@ class RefString {
   // The same bytes as `bytes`.
   bool Equals(std::string_view bytes) const;
   bool operator==(const RefString& other) const { return Equals(other); }
-  // h = h * 9 + byte over the bytes, with 32-bit wrap; 0 for the empty string.
-  uint32_t Hash() const;
 
  private:
   struct Body {

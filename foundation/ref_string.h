@@ -39,9 +39,6 @@ class RefString {
   // being the new length with its NUL.
   void Append(const char* bytes, uint32_t count);
   void Append(const char* text);
-  // Cuts the string to `length` bytes, which must not exceed Length(); the
-  // capacity is kept.
-  void Truncate(uint32_t length);
 
   // Same body, or same length and same bytes.
   bool Equals(const RefString& other) const;

@@ -88,12 +88,9 @@ void CheckVector(klv::SlotVector<uint32_t>& vector, std::vector<uint32_t>& model
 
 void CheckString(klv::RefString& string, std::string& model, uint8_t op, uint8_t arg) {
   const char bytes[3] = {static_cast<char>(arg), 0, static_cast<char>(op)};
-  if (op % 3 == 0) {
+  if (op % 2 == 0) {
     string.Append(bytes, 1 + arg % 3);
     model.append(bytes, 1 + arg % 3);
-  } else if (op % 3 == 1) {
-    string.Truncate(arg % (model.size() + 1));
-    model.resize(arg % (model.size() + 1));
   } else {
     klv::RefString copy = string;  // shares the body until one of them changes
     copy.Append(bytes, 1);

@@ -4,6 +4,8 @@
 
 #include <cassert>
 
+#include "lockservice/status_report.h"
+
 namespace klv {
 
 namespace {
@@ -66,6 +68,18 @@ void LockManagerDaemon::Dispatch(const SocketAddress& sender, const unsigned cha
       break;
   }
   if (due == ReplyDue::kNow) SendOwedReply(&owed);
+}
+
+void LockManagerDaemon::WriteStatusReport(OutputStream& out) const {
+  StatusReport(clients_, files_, holders_).Write(out);
+}
+
+// The report goes out as it is written, a chunk at a time; the rest of it is
+// lost without a word when the peer fails or goes.
+void LockManagerDaemon::SendStatusReport(Descriptor* connection,
+                                         DescriptorStream::ProgressHook on_progress) const {
+  DescriptorStream out(connection, on_progress);
+  WriteStatusReport(out);
 }
 
 void LockManagerDaemon::SendOwedReply(OwedReply* owed) {

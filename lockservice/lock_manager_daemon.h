@@ -59,7 +59,7 @@ class LockManagerDaemon {
   // releases those that did not answer the previous probe.
   void SweepClients();
   // Writes the status report to `out`; changes nothing.
-  void WriteStatusReport(OutputStream& out);
+  void WriteStatusReport(OutputStream& out) const;
   // For tests and the fuzzer: checks that the tables hold together: keys
   // unique and found where they belong, counts matching the lists, no two
   // opens of a file or granted ranges in conflict, every range seen by the
@@ -71,7 +71,7 @@ class LockManagerDaemon {
   // rest silently when the connection fails or closes. `on_progress` is
   // called whenever bytes go out.
   void SendStatusReport(Descriptor* connection,
-                        DescriptorStream::ProgressHook on_progress = nullptr);
+                        DescriptorStream::ProgressHook on_progress = nullptr) const;
   // True when many byte-range locks were released since the last
   // ReturnMemory, whose memory the process may still keep.
   bool HasMemoryToReturn() const;
@@ -136,16 +136,6 @@ class LockManagerDaemon {
 
   // table_check.cc
   RefString CheckHolders() const;
-
-  // status_report.cc
-  void WriteClientLines(OutputStream& out);
-  // `holder_names` gives the name of each byte-range lock's holder.
-  void WriteFileLines(OutputStream& out, const FileEntry& file,
-                      const std::vector<RefString>& holder_names);
-  // The name of the client holding a lock; empty when it has no entry.
-  RefString HolderName(const ClientKey& holder) const;
-  // HolderName of every number in the holder table, by number.
-  std::vector<RefString> HolderNames() const;
 
   EventLog log_;
   ReplySink* sink_ = nullptr;

@@ -1,8 +1,6 @@
-// The status report: a banner, the client table and every file that holds a
-// lock, closed by a line of totals.
-#include "foundation/descriptor_stream.h"
+#include "lockservice/status_report.h"
+
 #include "foundation/time_stamp.h"
-#include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
 #include "protocol/report_layout.h"
 #include "protocol/version.h"
@@ -25,7 +23,7 @@ const char* StateText(ClientState state) {
 
 }  // namespace
 
-void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
+void StatusReport::Write(OutputStream& out) const {
   FormatTimeStamp(out, TimeStamp::Now());
   out << " " << kDaemonName << " " << kFullVersion << "\n\n";
   out << report::kClientSection;
@@ -47,7 +45,7 @@ void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
       << totals.record_locks << report::kOplocksLabel << totals.oplocks << "\n";
 }
 
-void LockManagerDaemon::WriteClientLines(OutputStream& out) {
+void StatusReport::WriteClientLines(OutputStream& out) const {
   if (clients_.Size() == 0) return;
   out << report::kClientHeading;
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
@@ -59,8 +57,8 @@ void LockManagerDaemon::WriteClientLines(OutputStream& out) {
   }
 }
 
-void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
-                                       const std::vector<RefString>& holder_names) {
+void StatusReport::WriteFileLines(OutputStream& out, const FileEntry& file,
+                                  const std::vector<RefString>& holder_names) const {
   out << "[" << file.key.hi << "," << file.key.lo << "] " << file.path << "\n";
   if (!file.opens.IsEmpty()) out << report::kOpenLocksHeading;
   for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
@@ -88,23 +86,15 @@ void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
   out << "\n";
 }
 
-RefString LockManagerDaemon::HolderName(const ClientKey& holder) const {
+RefString StatusReport::HolderName(const ClientKey& holder) const {
   const ClientEntry* client = clients_.Find(holder);
   return client == nullptr ? RefString() : client->name;
 }
 
-std::vector<RefString> LockManagerDaemon::HolderNames() const {
+std::vector<RefString> StatusReport::HolderNames() const {
   std::vector<RefString> names(holders_.End());
   for (uint32_t id = 0; id < holders_.End(); ++id) names[id] = HolderName(holders_.KeyOf(id));
   return names;
-}
-
-// The report goes out as it is written, a chunk at a time; the rest of it is
-// lost without a word when the peer fails or goes.
-void LockManagerDaemon::SendStatusReport(Descriptor* connection,
-                                         DescriptorStream::ProgressHook on_progress) {
-  DescriptorStream out(connection, on_progress);
-  WriteStatusReport(out);
 }
 
 }  // namespace klv

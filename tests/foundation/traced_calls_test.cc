@@ -1,5 +1,5 @@
-// Traced-call edges that the daemon meets rarely: a port out of range, a
-// failure without arguments, and a shared string cut short.
+// Traced-call edges that the daemon meets rarely: a port out of range and a
+// failure without arguments.
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,6 @@
 
 #include "charset/charset.h"
 #include "foundation/failure.h"
-#include "foundation/ref_string.h"
 #include "foundation/socket.h"
 
 namespace klv {
@@ -27,14 +26,6 @@ TEST(TracedCalls, FailureWithoutArgumentsStillNamesItsCall) {
   EXPECT_EQ(failure.Text().Encode(charset::kIso8859_1), "open(): (2) No such file or directory");
   failure.Record(ENOENT, TextBuffer());
   EXPECT_EQ(failure.Text().Encode(charset::kIso8859_1), "(2) No such file or directory");
-}
-
-TEST(RefString, TruncateOfASharedString) {
-  RefString text("ab");
-  const RefString copy = text;
-  text.Truncate(1);
-  EXPECT_STREQ(text.Text(), "a");
-  EXPECT_STREQ(copy.Text(), "ab");
 }
 
 }  // namespace

@@ -68,31 +68,31 @@ size_t LengthOf(uint32_t code) {
 
 bool AppendBody(const klvlock_request& request, const std::string& name, std::string* bytes) {
   switch (request.code) {
-    case KLVLOCK_REQ_OPEN:
+    case REQ_OPEN:
       AppendWord(bytes, request.openmode);
       AppendWord(bytes, request.oplock != 0 ? 1 : 0);
       bytes->append(name);
       bytes->append(klv::request::kClientNameSize - name.size(), '\0');
       return AppendString(bytes, request.path);
-    case KLVLOCK_REQ_LOCK:
+    case REQ_LOCK:
       AppendWord(bytes, request.offset);
       AppendWord(bytes, request.length);
       AppendWord(bytes, request.locktype);
       return true;
-    case KLVLOCK_REQ_UNLOCK:
+    case REQ_UNLOCK:
       AppendWord(bytes, request.offset);
       AppendWord(bytes, request.length);
       return true;
-    case KLVLOCK_REQ_TEXT:
+    case REQ_TEXT:
       return AppendString(bytes, request.text);
-    case KLVLOCK_REQ_VERSION:
+    case REQ_PROBE:
       AppendWord(bytes, kProtocolVersion);
       AppendWord(bytes, 1);  // wantreply
       return true;
-    case KLVLOCK_REQ_CLIENT_END:
-    case KLVLOCK_REQ_CLOSE:
-    case KLVLOCK_REQ_OPLOCK_RELEASE:
-    case KLVLOCK_REQ_NOOP:
+    case REQ_CLIENT_END:
+    case REQ_CLOSE:
+    case REQ_OPLOCK_RELEASE:
+    case REQ_NOOP:
       return true;
     default:
       return false;
@@ -133,14 +133,14 @@ klvlock_reply Reply(const unsigned char* data, uint32_t code) {
 }  // namespace
 
 bool MayResend(uint32_t code) {
-  return code == KLVLOCK_REQ_NOOP || code == KLVLOCK_REQ_TEXT || code == KLVLOCK_REQ_VERSION;
+  return code == REQ_NOOP || code == REQ_TEXT || code == REQ_PROBE;
 }
 
 bool EncodeRequest(const klvlock_request& request, uint32_t tag, uint32_t session,
                    const std::string& name, std::string* datagram) {
   if (name.size() > klv::request::kClientNameSize) return false;
   datagram->clear();
-  const bool is_open = request.code == KLVLOCK_REQ_OPEN;
+  const bool is_open = request.code == REQ_OPEN;
   for (uint32_t word : {request.code, tag, session, request.clientfid, request.file.hi,
                         request.file.lo, is_open ? request.waitid : 0}) {
     AppendWord(datagram, word);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
+#include "protocol/version.h"
 
 namespace klv {
 
@@ -114,7 +115,7 @@ void LockManagerDaemon::ReleaseDeadClient(ClientEntry* client) {
 
 void LockManagerDaemon::WriteDeadClientNotice(const ClientEntry& client) {
   FileStream err(stderr);
-  err << "\nOstrand Kelvane Lock Daemon NOTICE:\n\nThe Kelvane server process acting on behalf of ";
+  err << "\n" << kDaemonName << " NOTICE:\n\nThe Kelvane server process acting on behalf of ";
   WriteNameField(err, client.name);
   err << "\nhas stopped responding.  Checking your server logs will help\n"
          "establish the cause.  Locks owned by the machine are being released.\n";

@@ -1,7 +1,8 @@
 // Sequences of datagrams from several senders through the daemon's decoder
 // and dispatcher, with the dead-client sweep in between when asked for. The
 // tables are checked after every datagram, and the status report is written
-// over what the sequence built. What the daemon sends is recorded, not sent.
+// over what the sequence built. What the daemon sends is recorded, not sent,
+// and each datagram's length is checked against its code.
 //
 // Input: records of one control byte, a 16-bit length (low byte first) and
 // that many datagram bytes. Control bits 0-1 pick the sender; bit 7 runs a
@@ -14,6 +15,7 @@
 #include "foundation/socket.h"
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/recording_reply_sink.h"
+#include "protocol/wire.h"
 
 namespace {
 
@@ -39,6 +41,20 @@ void Check(const klv::LockManagerDaemon& daemon) {
   abort();
 }
 
+// Every datagram that the daemon hands over has the length of its code.
+void CheckSent(const klv::RecordingReplySink& sink) {
+  for (const klv::RecordingReplySink::Sent& sent : sink.SentDatagrams()) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(sent.datagram.data());
+    const uint32_t code = klv::ReadWord(bytes, sent.datagram.size(), klv::reply::kCode);
+    const size_t length =
+        code == klv::REQ_PROBE ? klv::request::kProbeSize : klv::reply::LengthFor(code);
+    if (sent.datagram.size() == length) continue;
+    printf("code %u sent with %zu bytes\n", code, sent.datagram.size());
+    fflush(stdout);
+    abort();
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -57,6 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     daemon.Dispatch(senders.addresses[control % kSenders], data + at, length);
     at += length;
     Check(daemon);
+    CheckSent(sink);
     sink.Clear();
   }
   klv::TextBuilder report;

@@ -96,7 +96,8 @@ class LockManagerDaemon {
   void RegisterClient(const ClientKey& key, std::string_view name);
   // The client answered a probe: activity tick = now, state OK.
   void MarkAlive(const ClientKey& key);
-  // Releases every lock and wait of the client; its entry stays.
+  // Releases every lock and wait of the client, sending MSG_OPEN_RETRY to
+  // the waiters that its oplocks held up last; its entry stays.
   void EndClient(const ClientKey& key);
   // Sends the client a probe when it is in state OK and silent since the
   // last sweep.

@@ -35,6 +35,7 @@ static_assert(Agree(KLVLOCK_DENY_READWRITE, klv::DENY_READWRITE));
 static_assert(Agree(KLVLOCK_DENY_WRITE, klv::DENY_WRITE));
 static_assert(Agree(KLVLOCK_DENY_READ, klv::DENY_READ));
 static_assert(Agree(KLVLOCK_DENY_NONE, klv::DENY_NONE));
+static_assert(Agree(KLVLOCK_LOCK_SHARED, klv::kLockSharedBit));
 static_assert(Agree(KLVLOCK_NAME_SIZE, klv::request::kClientNameSize));
 
 }  // namespace

@@ -4,21 +4,14 @@
 
 namespace klv {
 
-namespace {
-
-// The lock type that the daemon does not implement; it still locks exclusively.
-constexpr uint32_t kUnimplementedLockType = 4;
-
-}  // namespace
-
 ReplyDue LockManagerDaemon::HandleLock(const LockRequest& request, OwedReply* owed) {
   // A lock may come before any open of the file.
   FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
   RecordLock candidate{.offset = request.Offset(),
                        .length = request.Length(),
                        .clientfid = request.Clientfid(),
-                       .shared = request.LockType() & 1};
-  if (request.LockType() == kUnimplementedLockType) {
+                       .shared = request.LockType() & kLockSharedBit};
+  if (request.LockType() == kLockTypeUnimplemented) {
     TextBuilder message;
     message << "A call was made to an unimplemented function.\n"
                "A lock transaction has failed.Check the installation is not corrupted";

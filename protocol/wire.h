@@ -40,6 +40,12 @@ enum class ReplyStatus : uint32_t {
   kWait = 5,      // the open must wait for oplock breaks; value is the wait id
 };
 
+// The locktype word of REQ_LOCK: bit 0 set asks for a shared lock, any other
+// value for an exclusive one; kLockTypeUnimplemented is logged as a type the
+// daemon does not implement and locks exclusively.
+constexpr uint32_t kLockSharedBit = 1;
+constexpr uint32_t kLockTypeUnimplemented = 4;
+
 // The tag of the daemon's own liveness probe.
 constexpr uint32_t kProbeTag = 0xBEEFCAFE;
 

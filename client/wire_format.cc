@@ -133,9 +133,7 @@ klvlock_reply Reply(const unsigned char* data, uint32_t code) {
 
 }  // namespace
 
-bool MayResend(uint32_t code) {
-  return code == REQ_NOOP || code == REQ_TEXT || code == REQ_PROBE;
-}
+bool MayResend(uint32_t code) { return code == REQ_NOOP || code == REQ_TEXT || code == REQ_PROBE; }
 
 bool EncodeRequest(const klvlock_request& request, uint32_t tag, uint32_t session,
                    const std::string& name, std::string* datagram) {

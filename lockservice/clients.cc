@@ -39,7 +39,8 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
         return lock.holder == holder;
       }));
     }
-    ReleaseOplocksWhereAndSendRetries(file, [&key](const OpLock& oplock) { return oplock.client == key; });
+    ReleaseOplocksWhereAndSendRetries(
+        file, [&key](const OpLock& oplock) { return oplock.client == key; });
     file->opens.RemoveWhere([&key](const OpenLock& open) { return open.client == key; });
   }
   // The wait table must not change while it is walked: collect, then withdraw.
@@ -88,8 +89,8 @@ void LockManagerDaemon::SweepClients() {
   ++sweep_tick_;
 }
 
-ClientEntry* LockManagerDaemon::SendProbesUntilOneIsDead(
-    uint32_t m, std::vector<const ClientEntry*>* probed) {
+ClientEntry* LockManagerDaemon::SendProbesUntilOneIsDead(uint32_t m,
+                                                         std::vector<const ClientEntry*>* probed) {
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {

@@ -85,7 +85,7 @@ class LockRequest {
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
-  std::string_view wire_;  // the decoded datagram
+  std::string_view wire_;    // the decoded datagram
   size_t encoded_size_ = 0;  // when not 0, the bytes encoded afresh
   unsigned char encoded_[request::kProbeSize];
 };

@@ -68,7 +68,9 @@ constexpr int DenyClassOf(uint32_t openmode) {
 }
 
 // The mode's row and column in the share table.
-constexpr int ShareIndex(uint32_t openmode) { return AccessClassOf(openmode) + DenyClassOf(openmode); }
+constexpr int ShareIndex(uint32_t openmode) {
+  return AccessClassOf(openmode) + DenyClassOf(openmode);
+}
 
 }  // namespace klv
 

@@ -95,8 +95,8 @@ bool ParseClient(ReportCursor& in, ReportClient* client) {
     return false;
   }
   return in.Number(&client->session) && in.Expect(report::kAddressGap) &&
-         in.Upto(':', &client->address) &&
-         in.Expect(":") && in.Number(&client->port) && in.Expect("\n");
+         in.Upto(':', &client->address) && in.Expect(":") && in.Number(&client->port) &&
+         in.Expect("\n");
 }
 
 bool ParseClients(ReportCursor& in, std::vector<ReportClient>* clients) {

@@ -45,7 +45,6 @@ class Descriptor {
   int BytesWaiting();
 
   int Fd() const { return fd_; }
-  bool Owns() const { return owns_; }
   const SysCallFailure& LastFailure() const { return last_failure_; }
 
  protected:

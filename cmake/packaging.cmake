@@ -1,8 +1,6 @@
 # cpack -G DEB (run in the build directory) makes a Debian package that
 # installs under /usr.
 set(CPACK_PACKAGE_NAME klvlockd)
-# The one version, given to project() in the top-level CMakeLists.txt.
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "klvlockd developers")
 set(CPACK_PACKAGE_CONTACT "klvlockd developers <klvlockd@example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "lock daemon of a network file server for PC clients")

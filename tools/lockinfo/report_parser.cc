@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "protocol/report_layout.h"
-#include "protocol/version.h"
-
 namespace klv {
 
 namespace {
 
-using report::kNameWidth;
+constexpr size_t kNameWidth = 15;
+constexpr size_t kTimeWidth = 23;  // "2024/05/17 14:03:07.412"
+constexpr std::string_view kClientHeading = "  Name            State SessionId   Address\n";
 
 // Reads the report from front to back. Each reader consumes what it read and
 // answers true, or leaves the text, notes what it expected and answers false.
@@ -86,21 +85,20 @@ class ReportCursor {
 };
 
 bool ParseClient(ReportCursor& in, ReportClient* client) {
-  if (!in.Expect(report::kIndent) || !in.Name(&client->name) || !in.Expect(" ")) return false;
-  if (in.Skip(report::kStateOk)) {
+  if (!in.Expect("  ") || !in.Name(&client->name) || !in.Expect(" ")) return false;
+  if (in.Skip("  OK     ")) {
     client->state = "OK";
-  } else if (in.Expect(report::kStateWait)) {
+  } else if (in.Expect(" WAIT    ")) {
     client->state = "WAIT";
   } else {
     return false;
   }
-  return in.Number(&client->session) && in.Expect(report::kAddressGap) &&
-         in.Upto(':', &client->address) && in.Expect(":") && in.Number(&client->port) &&
-         in.Expect("\n");
+  return in.Number(&client->session) && in.Expect("    ") && in.Upto(':', &client->address) &&
+         in.Expect(":") && in.Number(&client->port) && in.Expect("\n");
 }
 
 bool ParseClients(ReportCursor& in, std::vector<ReportClient>* clients) {
-  if (!in.Skip(report::kClientHeading)) return true;
+  if (!in.Skip(kClientHeading)) return true;
   while (!in.LooksAt("\n")) {
     if (!ParseClient(in, &clients->emplace_back())) return false;
   }
@@ -109,7 +107,7 @@ bool ParseClients(ReportCursor& in, std::vector<ReportClient>* clients) {
 
 // The holder's name and the clientfid that begin every lock row.
 bool ParseRowHead(ReportCursor& in, ReportLock* lock) {
-  return in.Expect(report::kRowIndent) && in.Name(&lock->holder) && in.Expect(" ") &&
+  return in.Expect("    ") && in.Name(&lock->holder) && in.Expect(" ") &&
          in.Number(&lock->clientfid) && in.Expect(" ");
 }
 
@@ -130,7 +128,7 @@ bool ParseRecordLockRow(ReportCursor& in, ReportLock* lock) {
 bool ParseRows(ReportCursor& in, std::string_view heading, std::vector<ReportLock>* rows,
                bool (*parse_row)(ReportCursor&, ReportLock*)) {
   if (!in.Skip(heading)) return true;
-  while (in.LooksAt(report::kRowIndent)) {
+  while (in.LooksAt("    ")) {
     if (!parse_row(in, &rows->emplace_back())) return false;
   }
   return true;
@@ -139,30 +137,27 @@ bool ParseRows(ReportCursor& in, std::string_view heading, std::vector<ReportLoc
 bool ParseFile(ReportCursor& in, ReportFile* file) {
   return in.Expect("[") && in.Number(&file->key_hi) && in.Expect(",") && in.Number(&file->key_lo) &&
          in.Expect("] ") && in.Upto('\n', &file->path) && in.Expect("\n") &&
-         ParseRows(in, report::kOpenLocksHeading, &file->opens, ParseOpenRow) &&
-         ParseRows(in, report::kOplocksHeading, &file->oplocks, ParseOplockRow) &&
-         ParseRows(in, report::kRecordLocksHeading, &file->record_locks, ParseRecordLockRow) &&
+         ParseRows(in, "  Open locks: [clientfid type]\n", &file->opens, ParseOpenRow) &&
+         ParseRows(in, "  Op locks: [clientfid type]\n", &file->oplocks, ParseOplockRow) &&
+         ParseRows(in, "  Record locks: [clientfid type offset length]\n", &file->record_locks,
+                   ParseRecordLockRow) &&
          in.Expect("\n");
 }
 
 bool ParseTotals(ReportCursor& in, ReportTotals* totals) {
-  return in.Expect(report::kFilesLabel) && in.Number(&totals->files) &&
-         in.Expect(report::kUsedLabel) && in.Number(&totals->used) &&
-         in.Expect(report::kOpenLocksLabel) && in.Number(&totals->open_locks) &&
-         in.Expect(report::kRecordLocksLabel) && in.Number(&totals->record_locks) &&
-         in.Expect(report::kOplocksLabel) && in.Number(&totals->oplocks) && in.Expect("\n") &&
-         in.AtEnd();
+  return in.Expect("\nFiles: ") && in.Number(&totals->files) && in.Expect(" Used: ") &&
+         in.Number(&totals->used) && in.Expect(" OpenLocks: ") && in.Number(&totals->open_locks) &&
+         in.Expect(" RecordLocks: ") && in.Number(&totals->record_locks) &&
+         in.Expect(" OpLocks: ") && in.Number(&totals->oplocks) && in.Expect("\n") && in.AtEnd();
 }
 
 }  // namespace
 
 bool ParseStatusReport(std::string_view text, StatusReport* report, std::string* error) {
   ReportCursor in(text);
-  const std::string banner = std::string(" ") + kDaemonName + " ";
-  const std::string clients = std::string("\n\n") + report::kClientSection;
-  bool parsed = in.Field(report::kTimeStampWidth, &report->time) && in.Expect(banner) &&
-                in.Upto('\n', &report->version) && in.Expect(clients) &&
-                ParseClients(in, &report->clients) && in.Expect(report::kFileSection);
+  bool parsed = in.Field(kTimeWidth, &report->time) && in.Expect(" Ostrand Kelvane Lock Daemon ") &&
+                in.Upto('\n', &report->version) && in.Expect("\n\n== Client information\n") &&
+                ParseClients(in, &report->clients) && in.Expect("\n== File lock information\n");
   while (parsed && in.LooksAt("[")) parsed = ParseFile(in, &report->files.emplace_back());
   parsed = parsed && ParseTotals(in, &report->totals);
   if (!parsed) *error = in.Error();

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "bench/loopback.h"
+#include "protocol/open_modes.h"
 #include "tests/support/wire_bytes.h"
 
 namespace klv::bench {
@@ -18,7 +19,7 @@ constexpr uint32_t kRangeStride = 16;
 constexpr uint32_t kRangeLength = 8;
 // Touches lock between two ranges of endless plans, apart from any preload.
 constexpr uint32_t kTouchOffset = 8;
-constexpr uint32_t kReadDenyNone = 0x40;  // OPEN_READ | DENY_NONE
+constexpr uint32_t kReadDenyNone = OPEN_READ | DENY_NONE;
 constexpr size_t kReceiveSize = 2048;
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/udp_reply_sink.h"
 #include "foundation/descriptor.h"
 #include "foundation/socket.h"
 #include "lockservice/file_entry.h"
@@ -30,13 +31,13 @@ const unsigned char* Data(const std::string& bytes) {
 // sink socket; the sink is never read, so the kernel drops what overflows.
 class SinkDaemon {
  public:
-  SinkDaemon() : daemon_(30, RefString("/tmp")) {
+  SinkDaemon() : daemon_(RefString("/tmp")) {
     SocketAddress loopback;
     loopback.SetLoopback();
-    udp_.BindTo(loopback, SOCK_DGRAM, AddressReuse::kOff, 0, Progress::kQuiet);
-    sink_.BindTo(loopback, SOCK_DGRAM, AddressReuse::kOff, 0, Progress::kQuiet);
+    udp_.BindTo(loopback, SOCK_DGRAM);
+    sink_.BindTo(loopback, SOCK_DGRAM);
     sink_.GetSockName(&sender_);
-    daemon_.SetUdpSocket(&udp_);
+    daemon_.SetReplySink(&replies_);
   }
 
   void Send(const std::string& request) {
@@ -49,6 +50,7 @@ class SinkDaemon {
   Socket sink_;
   SocketAddress sender_;
   LockManagerDaemon daemon_;
+  UdpReplySink replies_{&udp_, &daemon_.Log()};
 };
 
 wire::RequestHead Head(uint32_t tag, uint32_t file) {

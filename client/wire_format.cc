@@ -2,32 +2,46 @@
 
 #include <cstring>
 
-namespace klv::client_wire {
+#include "protocol/open_modes.h"
+
 namespace {
 
-// Request head, seven words:
-//   0 code   4 tag   8 session   12 clientfid   16 filekey_hi   20 filekey_lo   24 waitid
-// Bodies:
-//   open     28 openmode   32 oplockwanted   36 clientname (16 bytes, NUL-padded)   52 path NUL
-//   lock     28 offset   32 length   36 locktype
-//   unlock   28 offset   32 length
-//   text     28 text NUL
-//   version  28 version   32 wantreply (1 asks for the answer)
-constexpr size_t kNameOffset = 36;
-constexpr size_t kNameSize = KLVLOCK_NAME_SIZE;
+// The public header keeps its own copies of the protocol's values, since it
+// is installed alone: they must agree with the protocol.
+constexpr bool Agree(long long api_value, long long protocol_value) {
+  return api_value == protocol_value;
+}
+static_assert(Agree(KLVLOCK_REQ_OPEN, klv::REQ_OPEN));
+static_assert(Agree(KLVLOCK_REQ_LOCK, klv::REQ_LOCK));
+static_assert(Agree(KLVLOCK_REQ_UNLOCK, klv::REQ_UNLOCK));
+static_assert(Agree(KLVLOCK_REQ_CLIENT_END, klv::REQ_CLIENT_END));
+static_assert(Agree(KLVLOCK_REQ_TEXT, klv::REQ_TEXT));
+static_assert(Agree(KLVLOCK_REQ_CLOSE, klv::REQ_CLOSE));
+static_assert(Agree(KLVLOCK_REQ_OPLOCK_RELEASE, klv::REQ_OPLOCK_RELEASE));
+static_assert(Agree(KLVLOCK_REQ_VERSION, klv::REQ_PROBE));
+static_assert(Agree(KLVLOCK_REQ_NOOP, klv::REQ_NOOP));
+static_assert(Agree(KLVLOCK_STATUS_DONE, static_cast<long long>(klv::ReplyStatus::kDone)));
+static_assert(Agree(KLVLOCK_STATUS_CONFLICT, static_cast<long long>(klv::ReplyStatus::kConflict)));
+static_assert(Agree(KLVLOCK_STATUS_NOT_FOUND, static_cast<long long>(klv::ReplyStatus::kNotFound)));
+static_assert(Agree(KLVLOCK_STATUS_UNKNOWN, static_cast<long long>(klv::ReplyStatus::kUnknown)));
+static_assert(Agree(KLVLOCK_STATUS_WAIT, static_cast<long long>(klv::ReplyStatus::kWait)));
+static_assert(Agree(KLVLOCK_OPEN_READ, klv::OPEN_READ));
+static_assert(Agree(KLVLOCK_OPEN_WRITE, klv::OPEN_WRITE));
+static_assert(Agree(KLVLOCK_OPEN_READWRITE, klv::OPEN_READWRITE));
+static_assert(Agree(KLVLOCK_OPEN_EXECUTE, klv::OPEN_EXECUTE));
+static_assert(Agree(KLVLOCK_OPEN_MSDOS, klv::OPEN_MSDOS));
+static_assert(Agree(KLVLOCK_DENY_MSDOS, klv::DENY_MSDOS));
+static_assert(Agree(KLVLOCK_DENY_READWRITE, klv::DENY_READWRITE));
+static_assert(Agree(KLVLOCK_DENY_WRITE, klv::DENY_WRITE));
+static_assert(Agree(KLVLOCK_DENY_READ, klv::DENY_READ));
+static_assert(Agree(KLVLOCK_DENY_NONE, klv::DENY_NONE));
+static_assert(Agree(KLVLOCK_LOCK_SHARED, klv::kLockSharedBit));
+static_assert(Agree(KLVLOCK_NAME_SIZE, klv::request::kClientNameSize));
 
-// Reply head, four words:   0 code   4 tag   8 status   12 value
-// Bodies by code, and the whole length:
-//   open (1)      16 oplockgranted                                  20 bytes
-//   break (8)     16 filekey_hi  20 filekey_lo  24 clientfid  28 session   32 bytes
-//   retry (9)     16 the waiter's session                           20 bytes
-//   probe (1000)  the request head, 28 version, 32 wantreply         36 bytes
-//   all others    none                                              16 bytes
-constexpr size_t kReplyHeadSize = 16;
-constexpr size_t kOpenReplySize = 20;
-constexpr size_t kRetrySize = 20;
-constexpr size_t kBreakSize = 32;
-constexpr size_t kWantReplyOffset = 32;
+}  // namespace
+
+namespace klv::client_wire {
+namespace {
 
 void AppendWord(std::string* bytes, uint32_t word) {
   for (int shift = 0; shift < 32; shift += 8) bytes->push_back(static_cast<char>(word >> shift));
@@ -42,56 +56,44 @@ bool AppendString(std::string* bytes, const char* text) {
   return true;
 }
 
-// The word at `offset`; the caller has checked that it lies inside.
+// The word at `offset`; the caller has checked the datagram's length.
 uint32_t WordAt(const unsigned char* data, size_t offset) {
-  return uint32_t{data[offset]} | uint32_t{data[offset + 1]} << 8 |
-         uint32_t{data[offset + 2]} << 16 | uint32_t{data[offset + 3]} << 24;
+  return ReadWord(data, offset + 4, offset);
 }
 
-// The length a datagram of `code` has.
+// The length that a datagram of `code` from the daemon has: a probe or a
+// probe answer is a request record, anything else a reply.
 size_t LengthOf(uint32_t code) {
-  switch (code) {
-    case KLVLOCK_REQ_OPEN:
-    case kOpenRetry:
-      return kOpenReplySize;
-    case kOplockBreak:
-      return kBreakSize;
-    case KLVLOCK_REQ_VERSION:
-      return kProbeSize;
-    case 1002:  // a reply form with a 16-bit body; no request of ours has it
-      return kReplyHeadSize + 2;
-    default:
-      return kReplyHeadSize;
-  }
+  return code == REQ_PROBE ? request::kProbeSize : reply::LengthFor(code);
 }
 
 bool AppendBody(const klvlock_request& request, const std::string& name, std::string* bytes) {
   switch (request.code) {
-    case KLVLOCK_REQ_OPEN:
+    case REQ_OPEN:
       AppendWord(bytes, request.openmode);
       AppendWord(bytes, request.oplock != 0 ? 1 : 0);
       bytes->append(name);
-      bytes->append(kNameSize - name.size(), '\0');
+      bytes->append(klv::request::kClientNameSize - name.size(), '\0');
       return AppendString(bytes, request.path);
-    case KLVLOCK_REQ_LOCK:
+    case REQ_LOCK:
       AppendWord(bytes, request.offset);
       AppendWord(bytes, request.length);
       AppendWord(bytes, request.locktype);
       return true;
-    case KLVLOCK_REQ_UNLOCK:
+    case REQ_UNLOCK:
       AppendWord(bytes, request.offset);
       AppendWord(bytes, request.length);
       return true;
-    case KLVLOCK_REQ_TEXT:
+    case REQ_TEXT:
       return AppendString(bytes, request.text);
-    case KLVLOCK_REQ_VERSION:
+    case REQ_PROBE:
       AppendWord(bytes, kProtocolVersion);
-      AppendWord(bytes, 1);
+      AppendWord(bytes, 1);  // wantreply
       return true;
-    case KLVLOCK_REQ_CLIENT_END:
-    case KLVLOCK_REQ_CLOSE:
-    case KLVLOCK_REQ_OPLOCK_RELEASE:
-    case KLVLOCK_REQ_NOOP:
+    case REQ_CLIENT_END:
+    case REQ_CLOSE:
+    case REQ_OPLOCK_RELEASE:
+    case REQ_NOOP:
       return true;
     default:
       return false;
@@ -101,45 +103,43 @@ bool AppendBody(const klvlock_request& request, const std::string& name, std::st
 klvlock_event BreakEvent(const unsigned char* data) {
   klvlock_event event = {};
   event.kind = KLVLOCK_EVENT_OPLOCK_BREAK;
-  event.file = {WordAt(data, 16), WordAt(data, 20)};
-  event.clientfid = WordAt(data, 24);
-  event.session = WordAt(data, 28);
+  event.file = {WordAt(data, reply::kBreakFilekeyHi), WordAt(data, reply::kBreakFilekeyLo)};
+  event.clientfid = WordAt(data, reply::kBreakClientfid);
+  event.session = WordAt(data, reply::kBreakSession);
   return event;
 }
 
 klvlock_event RetryEvent(const unsigned char* data) {
   klvlock_event event = {};
   event.kind = KLVLOCK_EVENT_OPEN_RETRY;
-  event.waitid = WordAt(data, 12);
-  event.session = WordAt(data, 16);
+  event.waitid = WordAt(data, reply::kValue);
+  event.session = WordAt(data, reply::kRetrySession);
   return event;
 }
 
 klvlock_reply Reply(const unsigned char* data, uint32_t code) {
-  klvlock_reply reply = {};
-  reply.code = code;
-  reply.tag = WordAt(data, 4);
-  if (code == KLVLOCK_REQ_VERSION) {
-    reply.version = WordAt(data, 28);
-    return reply;
+  klvlock_reply answer = {};
+  answer.code = code;
+  answer.tag = WordAt(data, reply::kTag);
+  if (code == REQ_PROBE) {
+    answer.version = WordAt(data, request::kVersion);
+    return answer;
   }
-  reply.status = WordAt(data, 8);
-  reply.value = WordAt(data, 12);
-  if (code == KLVLOCK_REQ_OPEN) reply.oplock_granted = WordAt(data, 16);
-  return reply;
+  answer.status = WordAt(data, reply::kStatus);
+  answer.value = WordAt(data, reply::kValue);
+  if (code == REQ_OPEN) answer.oplock_granted = WordAt(data, reply::kOplockGranted);
+  return answer;
 }
 
 }  // namespace
 
-bool MayResend(uint32_t code) {
-  return code == KLVLOCK_REQ_NOOP || code == KLVLOCK_REQ_TEXT || code == KLVLOCK_REQ_VERSION;
-}
+bool MayResend(uint32_t code) { return code == REQ_NOOP || code == REQ_TEXT || code == REQ_PROBE; }
 
 bool EncodeRequest(const klvlock_request& request, uint32_t tag, uint32_t session,
                    const std::string& name, std::string* datagram) {
-  if (name.size() > kNameSize) return false;
+  if (name.size() > klv::request::kClientNameSize) return false;
   datagram->clear();
-  const bool is_open = request.code == KLVLOCK_REQ_OPEN;
+  const bool is_open = request.code == REQ_OPEN;
   for (uint32_t word : {request.code, tag, session, request.clientfid, request.file.hi,
                         request.file.lo, is_open ? request.waitid : 0}) {
     AppendWord(datagram, word);
@@ -149,13 +149,13 @@ bool EncodeRequest(const klvlock_request& request, uint32_t tag, uint32_t sessio
 
 Incoming Decode(const unsigned char* data, size_t size) {
   Incoming incoming;
-  if (size < kReplyHeadSize) return incoming;
-  const uint32_t code = WordAt(data, 0);
+  if (size < reply::kHeadSize) return incoming;
+  const uint32_t code = WordAt(data, reply::kCode);
   if (size != LengthOf(code)) return incoming;
-  if (code == kOplockBreak || code == kOpenRetry) {
+  if (code == MSG_OPLOCK_BREAK || code == MSG_OPEN_RETRY) {
     incoming.kind = Incoming::Kind::kEvent;
-    incoming.event = code == kOplockBreak ? BreakEvent(data) : RetryEvent(data);
-  } else if (code == KLVLOCK_REQ_VERSION && WordAt(data, kWantReplyOffset) != 0) {
+    incoming.event = code == MSG_OPLOCK_BREAK ? BreakEvent(data) : RetryEvent(data);
+  } else if (code == REQ_PROBE && WordAt(data, request::kWantReply) != 0) {
     incoming.kind = Incoming::Kind::kProbe;
   } else {
     incoming.kind = Incoming::Kind::kReply;
@@ -165,7 +165,7 @@ Incoming Decode(const unsigned char* data, size_t size) {
 }
 
 std::string ProbeAnswer(const unsigned char* probe) {
-  std::string answer(reinterpret_cast<const char*>(probe), kRequestHeadSize);
+  std::string answer(reinterpret_cast<const char*>(probe), request::kHeadSize);
   AppendWord(&answer, kProtocolVersion);
   AppendWord(&answer, 0);
   return answer;

@@ -6,21 +6,16 @@
 #include <string>
 
 #include "klvlock.h"
+#include "protocol/wire.h"
 
 // The datagrams between a session and the daemon, encoded and decoded byte by
-// byte, little-endian whatever the host.
+// byte, little-endian whatever the host, at the offsets of protocol/wire.h.
 namespace klv::client_wire {
 
-constexpr uint32_t kProtocolVersion = 201905;
-constexpr size_t kRequestHeadSize = 28;
-constexpr size_t kProbeSize = 36;
 // Large enough for every datagram the daemon sends; anything longer is not
 // one of them.
 constexpr size_t kLargestIncoming = 64;
-
-// Daemon messages that no request asked for.
-constexpr uint32_t kOplockBreak = 8;
-constexpr uint32_t kOpenRetry = 9;
+static_assert(kLargestIncoming > reply::kLongest && kLargestIncoming > request::kProbeSize);
 
 // True when repeating `code` does the daemon no harm (no-op, text, version).
 bool MayResend(uint32_t code);
@@ -43,8 +38,8 @@ struct Incoming {
 // not the one its code has is kMalformed.
 Incoming Decode(const unsigned char* data, size_t size);
 
-// The answer to a liveness probe (a kProbe datagram, kProbeSize bytes): the
-// probe's head, then version 201905 and wantreply 0.
+// The answer to a liveness probe (a kProbe datagram, request::kProbeSize
+// bytes): the probe's head, then kProtocolVersion and wantreply 0.
 std::string ProbeAnswer(const unsigned char* probe);
 
 }  // namespace klv::client_wire

@@ -57,6 +57,11 @@ void EventLog::CloseLogs() {
   CloseFile(&event_log_);
 }
 
+void EventLog::WriteStopEventAndClose() {
+  Event(RefString("locking/process/stop"), RefString(kBanner));
+  CloseLogs();
+}
+
 void EventLog::Event(const RefString& id, const RefString& message) {
   if (event_log_ == nullptr) return;
   FileStream out(event_log_);
@@ -68,10 +73,8 @@ void EventLog::Error(const char* id, const TextBuilder& message, Severity severi
   WriteErrorRecord(stderr, id, message);
   if (error_log_ != nullptr) WriteErrorRecord(error_log_, id, message);
   if (severity != Severity::kFatal) return;
-
-  Event(RefString("locking/process/stop"), RefString(kBanner));
-  CloseLogs();
-  exit(1);
+  if (on_fatal_error_ != nullptr) on_fatal_error_(*this);
+  abort();
 }
 
 RefString EventLog::ErrorHeader(const char* id) {

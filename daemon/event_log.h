@@ -5,6 +5,7 @@
 
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
+#include "protocol/version.h"
 
 namespace klv {
 
@@ -15,10 +16,13 @@ enum class Severity { kRecoverable, kFatal };
 // receives error records, "/journal.log" one tab-separated line per event.
 // Every error record is also written to standard error, so that a failure
 // before the logs are open is still seen. The one daemon object owns the one
-// EventLog; every record is written whole and flushed at once.
+// EventLog; every record is written whole and flushed at once. Every error of
+// the running daemon comes here, and a fatal one goes on, after its record,
+// to the handler that the entry function installed.
 class EventLog {
  public:
-  static constexpr const char* kBanner = "Ostrand Kelvane Lock Daemon(2.01)";
+  // Ends the process after a fatal error; it does not return.
+  using FatalErrorHandler = void (*)(EventLog& log);
 
   // `directory` is used as it stands: the file names, which begin with "/",
   // are appended to it.
@@ -34,12 +38,17 @@ class EventLog {
   void OpenLogs();
   // Closes the error log, then the event log.
   void CloseLogs();
+  // Writes the event "locking/process/stop", then closes both logs.
+  void WriteStopEventAndClose();
   // Appends "time\tid\tmessage\n" to the event log; nothing when it is closed.
   void Event(const RefString& id, const RefString& message);
   // Writes the error record (error head, message, "\n") to standard error and,
-  // when open, to the error log. kFatal then writes the stop event, closes
-  // both logs and exits with status 1; it does not return.
+  // when open, to the error log. kFatal then hands the log to the fatal-error
+  // handler and does not return.
   void Error(const char* id, const TextBuilder& message, Severity severity);
+  // Installs what a fatal error does once its record is written. Without one,
+  // a fatal error aborts the process.
+  void SetFatalErrorHandler(FatalErrorHandler handler) { on_fatal_error_ = handler; }
 
   // "\n", time stamp, "\t", id, "\t", banner, "\n\n".
   static RefString ErrorHeader(const char* id);
@@ -53,6 +62,7 @@ class EventLog {
   RefString directory_;
   FILE* error_log_ = nullptr;
   FILE* event_log_ = nullptr;
+  FatalErrorHandler on_fatal_error_ = nullptr;
 };
 
 }  // namespace klv

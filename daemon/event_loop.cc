@@ -31,6 +31,8 @@ constexpr size_t kMaxReportChildren = 16;
 constexpr unsigned kReportSeconds = 10;
 constexpr long kMicrosecondsPerSecond = 1000000;
 constexpr int kLowestNice = 19;
+// Checks of the stop flag per look for a pending stop signal.
+constexpr unsigned kChecksPerPendingLook = 32;
 // How long no input must come before freed memory is handed back.
 constexpr long kQuietNanoseconds = 50'000'000;
 
@@ -58,11 +60,16 @@ timeval TimeUntil(const TimeStamp& now, const TimeStamp& due) {
 }  // namespace
 
 EventLoop::EventLoop(LockManagerDaemon* daemon, Socket* udp, Socket* tcp)
-    : daemon_(daemon), udp_(udp), tcp_(tcp), watched_(kSetCapacity), readable_(kSetCapacity) {}
+    : daemon_(daemon),
+      udp_(udp),
+      tcp_(tcp),
+      replies_(udp, &daemon->Log()),
+      watched_(kSetCapacity),
+      readable_(kSetCapacity) {}
 
 int EventLoop::Run() {
   Enter();
-  while (!StopRequested()) {
+  while (!StopDue()) {
     readable_.CopyFrom(watched_);  // the wait overwrites its set: copy it every pass
     const int ready = WaitForInput();
     if (ready == 0) RunSweep();
@@ -79,7 +86,7 @@ void EventLoop::Enter() {
   // kernel drops one that fails its checksum); without O_NONBLOCK that read
   // would hang the daemon. Would-block reads as a datagram of length zero.
   fcntl(udp_->Fd(), F_SETFL, fcntl(udp_->Fd(), F_GETFL) | O_NONBLOCK);
-  daemon_->SetUdpSocket(udp_);
+  daemon_->SetReplySink(&replies_);
   daemon_->Log().OpenLogs();
   InstallStopHandler();
   InstallFatalSignalHandler();
@@ -91,9 +98,18 @@ void EventLoop::Enter() {
 }
 
 void EventLoop::Leave() {
-  daemon_->Log().Event(RefString("locking/process/stop"), RefString(EventLog::kBanner));
-  daemon_->Log().CloseLogs();
+  daemon_->Log().WriteStopEventAndClose();
   if (reserve_fd_ >= 0) close(reserve_fd_);
+}
+
+// Under a steady flood every wait finds input ready and puts the mask back
+// before a pending stop signal is delivered, so the signal would stay pending
+// for as long as the flood lasts. Every 32nd check lets it in: a flood delays
+// the stop by at most 31 requests, and the other checks cost no system call.
+bool EventLoop::StopDue() {
+  if (StopSignalDelivered()) return true;
+  if (++stop_checks_ % kChecksPerPendingLook == 0) DeliverPendingStopSignal();
+  return StopSignalDelivered();
 }
 
 // The stop signals are unblocked only inside pselect, so one that arrived

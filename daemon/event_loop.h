@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "daemon/udp_reply_sink.h"
 #include "foundation/bit_set.h"
 #include "foundation/socket.h"
 #include "foundation/time_stamp.h"
@@ -17,7 +18,8 @@ class LockManagerDaemon;
 // The daemon's running life: waits on the UDP and the listening TCP socket,
 // hands each datagram to the daemon's dispatcher, answers each status
 // connection from a forked child, and runs the dead-client sweep when a wait
-// finds nothing once the check time has come. Ends when a stop signal has
+// finds nothing once the check time has come. It owns the sink through which
+// the daemon's replies go out on the UDP socket. Ends when a stop signal has
 // arrived, or ends the process through a fatal error.
 class EventLoop {
  public:
@@ -35,6 +37,8 @@ class EventLoop {
  private:
   void Enter();
   void Leave();
+  // True once a stop signal has arrived; lets in a pending one every 32nd call.
+  bool StopDue();
   // Waits for input until the check time: the number of ready descriptors, 0
   // when none, -1 when a signal interrupted the wait. Any other failure of the
   // wait is fatal.
@@ -64,6 +68,8 @@ class EventLoop {
   LockManagerDaemon* daemon_;
   Socket* udp_;
   Socket* tcp_;
+  UdpReplySink replies_;
+  unsigned stop_checks_ = 0;
   BitSet watched_;
   BitSet readable_;  // the working copy that each wait overwrites
   TimeStamp next_check_;

@@ -8,14 +8,13 @@
 
 #include "daemon/event_log.h"
 #include "lockservice/lock_manager_daemon.h"
+#include "protocol/version.h"
 
 namespace klv {
 
 namespace {
 
 constexpr int kStopSignals[] = {SIGTERM, SIGABRT, SIGINT};
-// Checks of the stop flag per look for a pending stop signal.
-constexpr unsigned kChecksPerPendingLook = 32;
 constexpr const char kFatalFormat[] =
     "\n[unknown time]\tprocess/error\t%s(%s)\n"
     "Process %d has had a fatal signal - SIGSEGV or SIGBUS\n"
@@ -94,15 +93,9 @@ void ResetStopSignals() {
   sigprocmask(SIG_SETMASK, &wait_mask, nullptr);
 }
 
-// A wait that finds input ready returns before a pending stop signal is
-// delivered, and puts the mask back: under a steady flood the signal would
-// stay pending for as long as the flood lasts. So every 32nd check looks for
-// one and lets it in: a flood delays the stop by at most 31 requests, and the
-// other checks cost no system call.
-bool StopRequested() {
-  static unsigned checks = 0;
-  if (stop_requested != 0) return true;
-  if (++checks % kChecksPerPendingLook != 0) return false;
+bool StopSignalDelivered() { return stop_requested != 0; }
+
+void DeliverPendingStopSignal() {
   sigset_t pending;
   sigpending(&pending);
   for (const int signal_number : kStopSignals) {
@@ -110,14 +103,13 @@ bool StopRequested() {
       sigset_t blocked;
       sigprocmask(SIG_SETMASK, &wait_mask, &blocked);  // the handler runs here
       sigprocmask(SIG_SETMASK, &blocked, nullptr);
-      break;
+      return;
     }
   }
-  return stop_requested != 0;
 }
 
 void InstallFatalSignalHandler() {
-  snprintf(fatal_message, sizeof fatal_message, kFatalFormat, "Ostrand Kelvane Lock Daemon", "2.01",
+  snprintf(fatal_message, sizeof fatal_message, kFatalFormat, kDaemonName, kShortVersion,
            static_cast<int>(getpid()), "Kelvane");
   fatal_message_length = strlen(fatal_message);
   SetDisposition(SIGSEGV, FatalSignalHandler);

@@ -34,9 +34,13 @@ const sigset_t* WaitMask();
 // and are no longer blocked.
 void ResetStopSignals();
 
-// True once a stop signal has arrived; a stop signal that is pending while
-// blocked is let in and counts at every 32nd check.
-bool StopRequested();
+// True once a stop signal has been delivered.
+bool StopSignalDelivered();
+
+// Unblocks the stop signals for a moment when one is pending, so that its
+// handler runs now: a wait that finds input ready returns before a pending
+// signal is delivered. Makes system calls; the loop calls it every 32nd pass.
+void DeliverPendingStopSignal();
 
 // Forms the fatal-signal message, naming this process's id, then catches
 // SIGSEGV and SIGBUS: the handler writes the message to standard error and to

@@ -86,7 +86,7 @@ int SocketFailed(const char* text, const Socket& socket, int status) {
 bool BindLocal(Socket* socket, int type) {
   SocketAddress address;
   address.SetLoopback();
-  return socket->BindTo(address, type, AddressReuse::kOff, 0, Progress::kQuiet);
+  return socket->BindTo(address, type);
 }
 
 // Binds the UDP and the TCP socket and makes the TCP one listen. Answers
@@ -127,11 +127,19 @@ void RaiseSocketBuffers(Socket* udp) {
   if (udp->GetRecvBuffer() < kMinimumSocketBuffer) udp->SetRecvBuffer(kMinimumSocketBuffer);
 }
 
+// Every fatal error of the running daemon ends here, after its record: the
+// stop event and the closing of the logs of an orderly stop, then status 1.
+[[noreturn]] void EndDaemonAfterFatalError(EventLog& log) {
+  log.WriteStopEventAndClose();
+  exit(1);
+}
+
 // Runs in the daemon process: the daemon object lives on this stack for the
 // life of the process, and its address is where the fatal-signal handler
 // finds the error log.
-int RunDaemon(int timeout, const char* logdir, Socket* udp, Socket* tcp) {
-  LockManagerDaemon daemon(timeout, RefString(logdir));
+int RunDaemon(const char* logdir, Socket* udp, Socket* tcp) {
+  LockManagerDaemon daemon{RefString(logdir)};
+  daemon.Log().SetFatalErrorHandler(&EndDaemonAfterFatalError);
   RegisterDaemon(&daemon);
   RaiseSocketBuffers(udp);
   EventLoop loop(&daemon, udp, tcp);
@@ -162,9 +170,9 @@ void OpenClosedStandardDescriptors() {
 }
 
 // A failed fork leaves the starting process to run as the daemon, without a
-// status line.
-int StartDaemon(const char* timeout_argument, const char* logdir) {
-  const int timeout = atoi(timeout_argument);
+// status line. The timeout argument must be there but is not used: nothing in
+// the daemon times out, so it is neither converted nor checked.
+int StartDaemon(const char* logdir) {
   if (!LogDirectoryExists(logdir)) return kCannotStart;
   Socket udp;
   Socket tcp;
@@ -182,7 +190,7 @@ int StartDaemon(const char* timeout_argument, const char* logdir) {
   }
   setsid();
   DetachStandardInputAndOutput();
-  return RunDaemon(timeout, logdir, &udp, &tcp);
+  return RunDaemon(logdir, &udp, &tcp);
 }
 
 }  // namespace
@@ -192,7 +200,7 @@ int RunKlvlockd(int argc, char** argv) {
   OpenClosedStandardDescriptors();
   if (argc == 2) return RunStatusProbe(argv[1]);
   if (argc != 3) return BadArgumentList(argc, argv);
-  return StartDaemon(argv[1], argv[2]);
+  return StartDaemon(/*logdir=*/argv[2]);
 }
 
 }  // namespace klv

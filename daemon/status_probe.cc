@@ -63,7 +63,7 @@ ProbeStatus FetchStatusReport(uint16_t port, std::string* report, std::string* f
   SocketAddress local;
   local.SetLoopback();
   Socket connection;
-  if (!connection.BindTo(local, SOCK_STREAM, AddressReuse::kOff, 0, Progress::kQuiet)) {
+  if (!connection.BindTo(local, SOCK_STREAM)) {
     return Failed(connection, kNoLocalSocket, failure);
   }
   if (!connection.Connect(daemon_address)) return Failed(connection, kNoContact, failure);

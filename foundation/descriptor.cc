@@ -1,7 +1,6 @@
 #include "foundation/descriptor.h"
 
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,12 +24,6 @@ TextBuffer TransferArguments(int fd, size_t length) {
   arguments << fd << ",<address>," << static_cast<long>(length);
   return arguments.Text();
 }
-
-// Room for the control message that carries one descriptor.
-union DescriptorControl {
-  char bytes[CMSG_SPACE(sizeof(int))];
-  cmsghdr align;
-};
 
 }  // namespace
 
@@ -77,66 +70,6 @@ int Descriptor::BytesWaiting() {
   int waiting = 0;
   if (ioctl(fd_, FIONREAD, &waiting) < 0) return kBytesWaitingUnknown;
   return waiting;
-}
-
-TransferStatus Descriptor::SendFd(int descriptor) {
-  // A stream socket carries control data only along with at least one byte.
-  char byte = 0;
-  iovec data = {&byte, 1};
-  DescriptorControl control;
-  std::memset(&control, 0, sizeof control);
-  msghdr message = {};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control.bytes;
-  message.msg_controllen = sizeof control.bytes;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
-
-  // MSG_NOSIGNAL: a peer that is gone makes a failure (EPIPE), not a signal.
-  if (sendmsg(fd_, &message, MSG_NOSIGNAL) >= 0) return TransferStatus::kComplete;
-  const int error = errno;
-  if (WouldBlock(error)) return TransferStatus::kPartial;
-  TextBuilder arguments;
-  arguments << fd_ << ",SCM_RIGHTS(" << static_cast<int>(SCM_RIGHTS) << "), " << descriptor;
-  RecordFailure(error, "sendmsg", arguments.Text());
-  return TransferStatus::kFailed;
-}
-
-TransferStatus Descriptor::RecvFd(int* descriptor) {
-  char byte;
-  iovec data = {&byte, 1};
-  DescriptorControl control;
-  msghdr message = {};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control.bytes;
-  message.msg_controllen = sizeof control.bytes;
-
-  const long result = recvmsg(fd_, &message, 0);
-  int error = errno;
-  if (result < 0 && WouldBlock(error)) return TransferStatus::kPartial;
-  if (result > 0) {
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
-        header->cmsg_len >= CMSG_LEN(sizeof(int))) {
-      std::memcpy(descriptor, CMSG_DATA(header), sizeof(int));
-      return TransferStatus::kComplete;
-    }
-    // A byte came without a descriptor: the next message is not a passed
-    // descriptor.
-    error = EBADMSG;
-  } else if (result == 0) {
-    // The peer has hung up: nothing can be passed any more.
-    error = ENXIO;
-  }
-  TextBuilder arguments;
-  arguments << fd_ << ",SCM_RIGHTS(" << static_cast<int>(SCM_RIGHTS) << "), struct msghdr *";
-  RecordFailure(error, "recvmsg", arguments.Text());
-  return TransferStatus::kFailed;
 }
 
 void Descriptor::RecordFailure(int error_number, const char* call_name,

@@ -43,15 +43,8 @@ class Descriptor {
   virtual TransferStatus Write(const void* buffer, size_t length, long* count);
   // Bytes waiting to be read (ioctl FIONREAD); 8192 when the call fails.
   int BytesWaiting();
-  // Passes `descriptor` over this Unix-domain socket (SCM_RIGHTS): kComplete
-  // on success, kPartial when it would block, kFailed on failure.
-  virtual TransferStatus SendFd(int descriptor);
-  // Receives a passed descriptor into `descriptor`; results as SendFd, the
-  // out argument untouched unless kComplete.
-  virtual TransferStatus RecvFd(int* descriptor);
 
   int Fd() const { return fd_; }
-  bool Owns() const { return owns_; }
   const SysCallFailure& LastFailure() const { return last_failure_; }
 
  protected:

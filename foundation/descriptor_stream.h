@@ -30,8 +30,6 @@ class DescriptorStream : public OutputStream {
   void Flush() override;
   void Write(const TextBuffer& text) override;
   void WriteBytes(const char* bytes, size_t count) override;
-  // True once a write failed or met the end of file.
-  bool Abandoned() const { return abandoned_; }
 
  private:
   static constexpr size_t kChunk = 1 << 18;

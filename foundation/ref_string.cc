@@ -76,19 +76,6 @@ void RefString::Append(const char* bytes, uint32_t count) {
 
 void RefString::Append(const char* text) { Append(text, static_cast<uint32_t>(std::strlen(text))); }
 
-void RefString::Truncate(uint32_t length) {
-  assert(length <= Length());
-  MakeUnique();
-  body_->length = length;
-  body_->buffer[length] = '\0';
-}
-
-uint32_t RefString::Hash() const {
-  uint32_t hash = 0;
-  for (uint32_t i = 0; i < Length(); ++i) hash = hash * 9 + static_cast<unsigned char>(Text()[i]);
-  return hash;
-}
-
 bool RefString::Equals(const RefString& other) const {
   if (body_ == other.body_) return true;
   return Equals(std::string_view(other.Text(), other.Length()));

@@ -39,17 +39,12 @@ class RefString {
   // being the new length with its NUL.
   void Append(const char* bytes, uint32_t count);
   void Append(const char* text);
-  // Cuts the string to `length` bytes, which must not exceed Length(); the
-  // capacity is kept.
-  void Truncate(uint32_t length);
 
   // Same body, or same length and same bytes.
   bool Equals(const RefString& other) const;
   // The same bytes as `bytes`.
   bool Equals(std::string_view bytes) const;
   bool operator==(const RefString& other) const { return Equals(other); }
-  // h = h * 9 + byte over the bytes, with 32-bit wrap; 0 for the empty string.
-  uint32_t Hash() const;
 
  private:
   struct Body {

@@ -14,7 +14,6 @@ namespace {
 
 constexpr socklen_t kAddressLength = sizeof(sockaddr_in);  // 16
 constexpr uint32_t kPortLimit = 65536;
-constexpr unsigned kBindRetryPause = 2;  // seconds between two bind attempts
 // Answered by GetRecvBuffer and GetSendBuffer when the question fails.
 constexpr int kDefaultBufferSize = 4096;
 
@@ -42,31 +41,17 @@ SocketAddress::SocketAddress(const sockaddr& raw) {
   address_.sin_family = AF_INET;
 }
 
-SocketAddress::SocketAddress(const SocketAddress& other) : address_(other.address_) {}
-
-SocketAddress& SocketAddress::operator=(const SocketAddress& other) {
-  address_ = other.address_;
-  return *this;
-}
-
 void SocketAddress::SetLoopback() {
   address_.sin_family = AF_INET;
   address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
 }
-
-void SocketAddress::SetAnyAddress() { address_.sin_addr.s_addr = htonl(INADDR_ANY); }
 
 bool SocketAddress::SetPort(uint32_t port) {
   if (port < kPortLimit) {
     address_.sin_port = htons(static_cast<uint16_t>(port));
     return true;
   }
-  const int error = errno;
   address_.sin_port = 0;
-  if (port_failure_ == nullptr) port_failure_ = std::make_unique<Failure>();
-  TextBuilder message;
-  message << "! (0 <= port " << port << " < 65536)";
-  port_failure_->Record(error, message.Text());
   return false;
 }
 
@@ -98,46 +83,10 @@ bool Socket::Create(int type) {
   return false;
 }
 
-bool Socket::BindTo(const SocketAddress& address, int type, AddressReuse reuse, int retries,
-                    Progress progress) {
+bool Socket::BindTo(const SocketAddress& address, int type) {
   if (!Create(type)) return false;
-  if (reuse == AddressReuse::kOn) {
-    const int on = 1;
-    if (setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-      const int error = errno;
-      RecordFailure(error, "setsockopt", OptionArguments(fd_, "SO_REUSEADDR", SO_REUSEADDR, on));
-      return false;
-    }
-  }
-  const bool verbose = progress == Progress::kVerbose;
-  bool bound = false;
-  int error = 0;
-  int left = retries;
-  do {
-    if (bind(fd_, address.Raw(), kAddressLength) == 0) {
-      bound = true;
-      break;
-    }
-    error = errno;
-    // Only a busy address is worth waiting for, and only on the first
-    // attempt is the reason checked: later any failure is tried again.
-    if (left == retries && error != EADDRINUSE) break;
-    if (left != 0) {
-      if (verbose) {
-        if (left == retries) {
-          std::fprintf(stderr, "A socket is still in use, attempting %d retries...", retries);
-        } else {
-          std::fputs(".", stderr);
-        }
-        std::fflush(stderr);
-      }
-      sleep(kBindRetryPause);
-    }
-    --left;
-  } while (left != -1);
-  // Ends the notice line; printed even when no retry was left to announce.
-  if (left != retries && verbose) std::fputs("\n", stderr);
-  if (bound) return true;
+  if (bind(fd_, address.Raw(), kAddressLength) == 0) return true;
+  const int error = errno;
   TextBuilder arguments;
   arguments << fd_ << "," << address;
   RecordFailure(error, "bind", arguments.Text());
@@ -167,24 +116,16 @@ bool Socket::Listen(unsigned backlog) {
 }
 
 bool Socket::GetSockName(SocketAddress* address) {
-  return QueryName(getsockname, "getsockname", address);
-}
-
-bool Socket::GetPeerName(SocketAddress* address) {
-  return QueryName(getpeername, "getpeername", address);
-}
-
-bool Socket::QueryName(NameCall call, const char* call_name, SocketAddress* address) {
   sockaddr_in name;
   socklen_t length = kAddressLength;
-  if (call(fd_, reinterpret_cast<sockaddr*>(&name), &length) == 0) {
+  if (getsockname(fd_, reinterpret_cast<sockaddr*>(&name), &length) == 0) {
     *address = SocketAddress(*reinterpret_cast<const sockaddr*>(&name));
     return true;
   }
   const int error = errno;
   TextBuilder arguments;
   arguments << fd_ << ",<address>," << unsigned{length};
-  RecordFailure(error, call_name, arguments.Text());
+  RecordFailure(error, "getsockname", arguments.Text());
   return false;
 }
 

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <cstdint>
-#include <memory>
 
 #include "foundation/descriptor.h"
 #include "foundation/failure.h"
@@ -22,13 +21,9 @@ class SocketAddress {
   SocketAddress();
   // Copies the 16 bytes of `raw` and forces the family to AF_INET.
   explicit SocketAddress(const sockaddr& raw);
-  SocketAddress(const SocketAddress& other);  // the failure is not copied
-  SocketAddress& operator=(const SocketAddress& other);
 
-  void SetLoopback();    // 127.0.0.1
-  void SetAnyAddress();  // 0.0.0.0
-  // Ports 0 to 65535 are stored; any other stores 0, records the failure
-  // "! (0 <= port <port> < 65536)" and answers false.
+  void SetLoopback();  // 127.0.0.1
+  // Ports 0 to 65535 are stored; any other stores 0 and answers false.
   bool SetPort(uint32_t port);
   uint16_t Port() const;  // host order
   bool IsAnyAddress() const;
@@ -37,19 +32,13 @@ class SocketAddress {
   sockaddr* MutableRaw() { return reinterpret_cast<sockaddr*>(&address_); }
   // The 16 bytes as they stand.
   const unsigned char* Bytes() const { return reinterpret_cast<const unsigned char*>(&address_); }
-  // The failure of the last SetPort that failed, or nullptr.
-  const Failure* PortFailure() const { return port_failure_.get(); }
 
  private:
   sockaddr_in address_;
-  std::unique_ptr<Failure> port_failure_;
 };
 
 // The address text: "a.b.c.d" ("*" for 0.0.0.0), ":" and the port in host order.
 OutputStream& operator<<(OutputStream& out, const SocketAddress& address);
-
-enum class AddressReuse { kOff, kOn };
-enum class Progress { kQuiet, kVerbose };
 
 // A socket. Every operation makes one system call (or a short fixed sequence)
 // and records its failure as Descriptor does.
@@ -61,18 +50,13 @@ class Socket : public Descriptor {
   // Closes an open descriptor first, then socket(AF_INET, type, TCP for
   // SOCK_STREAM and UDP otherwise).
   bool Create(int type);
-  // Creates a socket of `type` (SOCK_DGRAM or SOCK_STREAM), sets SO_REUSEADDR
-  // when asked and binds to `address`, trying up to retries + 1 times, 2
-  // seconds apart, while the address is in use. With kVerbose the retries
-  // print "A socket is still in use, attempting <retries> retries..." and a
-  // "." per later retry to standard error, then a newline.
-  bool BindTo(const SocketAddress& address, int type, AddressReuse reuse = AddressReuse::kOff,
-              int retries = 0, Progress progress = Progress::kQuiet);
+  // Creates a socket of `type` (SOCK_DGRAM or SOCK_STREAM) and binds it to
+  // `address` in one attempt, without SO_REUSEADDR.
+  bool BindTo(const SocketAddress& address, int type);
   // connect(2), repeated at once while it fails with EAGAIN.
   bool Connect(const SocketAddress& address);
   bool Listen(unsigned backlog);
   bool GetSockName(SocketAddress* address);
-  bool GetPeerName(SocketAddress* address);
   // Closes an open descriptor first, then accept(listen_fd, null, null),
   // repeated at once while it fails with EAGAIN.
   bool Accept(int listen_fd);
@@ -88,9 +72,6 @@ class Socket : public Descriptor {
   TransferStatus SendTo(const void* buffer, size_t length, long* count, const SocketAddress& to);
 
  private:
-  using NameCall = int (*)(int, sockaddr*, socklen_t*);
-  // getsockname or getpeername, recorded under `call_name` when it fails.
-  bool QueryName(NameCall call, const char* call_name, SocketAddress* address);
   // setsockopt of a SOL_SOCKET buffer size, recorded when it fails.
   bool SetBufferSize(int option, const char* option_name, int size);
   // getsockopt of a SOL_SOCKET buffer size; 4096 when it fails.

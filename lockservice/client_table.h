@@ -8,13 +8,14 @@
 #include "foundation/output_stream.h"
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
+#include "protocol/report_layout.h"
 
 namespace klv {
 
 // The bytes of an IPv4 socket address as the kernel hands them over.
 constexpr size_t kAddressSize = 16;
 // Width of the client name in the status report and the dead-client notice.
-constexpr uint32_t kNameFieldWidth = 15;
+constexpr uint32_t kNameFieldWidth = report::kNameWidth;
 
 // Names one client session in every table: the sender's whole socket address
 // (port and padding included) and the session id of its requests.

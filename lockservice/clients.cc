@@ -5,13 +5,13 @@
 #include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
+#include "protocol/version.h"
 
 namespace klv {
 
-bool LockManagerDaemon::HandleClientEnd(const SocketAddress& sender, const LockRequest& request,
-                                        LockReply* /*reply*/) {
-  EndClient(ClientKey::Of(sender, request.Session()));
-  return true;
+ReplyDue LockManagerDaemon::HandleClientEnd(const LockRequest& request, OwedReply* owed) {
+  EndClient(ClientKey::Of(owed->to, request.Session()));
+  return ReplyDue::kNow;
 }
 
 void LockManagerDaemon::RegisterClient(const ClientKey& key, std::string_view name) {
@@ -39,7 +39,8 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
         return lock.holder == holder;
       }));
     }
-    ReleaseOplocksWhere(file, [&key](const OpLock& oplock) { return oplock.client == key; });
+    ReleaseOplocksWhereAndSendRetries(
+        file, [&key](const OpLock& oplock) { return oplock.client == key; });
     file->opens.RemoveWhere([&key](const OpenLock& open) { return open.client == key; });
   }
   // The wait table must not change while it is walked: collect, then withdraw.
@@ -51,7 +52,7 @@ void LockManagerDaemon::EndClient(const ClientKey& key) {
   MarkAlive(key);
 }
 
-void LockManagerDaemon::ProbeIfSilent(const ClientKey& key) {
+void LockManagerDaemon::SendProbeIfSilent(const ClientKey& key) {
   ClientEntry* client = clients_.Find(key);
   if (client == nullptr) return;
   if (client->state == ClientState::kOk && client->activity_tick < sweep_tick_) {
@@ -59,8 +60,9 @@ void LockManagerDaemon::ProbeIfSilent(const ClientKey& key) {
   }
 }
 
-// Probe layout: a request head with code REQ_PROBE, tag 0xBEEFCAFE, the
-// client's session and zeros, then version 201905 and wantreply 1.
+// The probe is a request record: code REQ_PROBE, tag kProbeTag, the client's
+// session and zeros in the head, then the version and wantreply 1. It goes out
+// through the synchronous writer, as a reply does.
 void LockManagerDaemon::SendProbe(ClientEntry* client) {
   client->state = ClientState::kWait;
   LockRequest probe;
@@ -69,7 +71,7 @@ void LockManagerDaemon::SendProbe(ClientEntry* client) {
   probe.SetSession(client->session_id);
   probe.SetVersion(kProtocolVersion);
   probe.SetWantReply(1);
-  SendReply(client->Key().Address(), &probe);
+  sink_->SendReply(client->Key().Address(), probe.Bytes());
   client->probe_tick = sweep_tick_;
   client->activity_tick = 0;
 }
@@ -83,12 +85,12 @@ void LockManagerDaemon::SweepClients() {
   // A client probed by this sweep is in WAIT when the walk comes round again;
   // it must have until the next sweep to answer, so it is passed over.
   std::vector<const ClientEntry*> probed;
-  while (ClientEntry* dead = ProbeClientsUntilOneIsDead(m, &probed)) ReleaseDeadClient(dead);
+  while (ClientEntry* dead = SendProbesUntilOneIsDead(m, &probed)) ReleaseDeadClient(dead);
   ++sweep_tick_;
 }
 
-ClientEntry* LockManagerDaemon::ProbeClientsUntilOneIsDead(
-    uint32_t m, std::vector<const ClientEntry*>* probed) {
+ClientEntry* LockManagerDaemon::SendProbesUntilOneIsDead(uint32_t m,
+                                                         std::vector<const ClientEntry*>* probed) {
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     ClientEntry* client = it.Current();
     if (client->state == ClientState::kOk) {
@@ -114,7 +116,7 @@ void LockManagerDaemon::ReleaseDeadClient(ClientEntry* client) {
 
 void LockManagerDaemon::WriteDeadClientNotice(const ClientEntry& client) {
   FileStream err(stderr);
-  err << "\nOstrand Kelvane Lock Daemon NOTICE:\n\nThe Kelvane server process acting on behalf of ";
+  err << "\n" << kDaemonName << " NOTICE:\n\nThe Kelvane server process acting on behalf of ";
   WriteNameField(err, client.name);
   err << "\nhas stopped responding.  Checking your server logs will help\n"
          "establish the cause.  Locks owned by the machine are being released.\n";

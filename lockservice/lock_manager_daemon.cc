@@ -4,6 +4,8 @@
 
 #include <cassert>
 
+#include "lockservice/status_report.h"
+
 namespace klv {
 
 namespace {
@@ -15,9 +17,8 @@ constexpr uint64_t kLocksWorthReturning = 65536;
 
 }  // namespace
 
-LockManagerDaemon::LockManagerDaemon(int timeout, const RefString& log_directory)
+LockManagerDaemon::LockManagerDaemon(const RefString& log_directory)
     : log_(log_directory),
-      timeout_(timeout),
       clients_(kInitialBuckets, 0),
       files_(kInitialBuckets, 0),
       waits_(kInitialBuckets, 0) {}
@@ -34,51 +35,69 @@ void LockManagerDaemon::Dispatch(const SocketAddress& sender, const unsigned cha
   LockRequest request;
   // A string without its NUL reads as empty; the request is handled anyway.
   request.Decode(data, size);
-  LockReply reply(request.Code(), request.Tag());
-  bool reply_due = true;
+  OwedReply owed{sender, LockReply(request.Code(), request.Tag())};
+  ReplyDue due = ReplyDue::kNow;
   switch (request.Code()) {
     case REQ_OPEN:
-      reply_due = HandleOpen(sender, request, &reply);
+      due = HandleOpen(request, &owed);
       break;
     case REQ_LOCK:
-      reply_due = HandleLock(sender, request, &reply);
+      due = HandleLock(request, &owed);
       break;
     case REQ_UNLOCK:
-      reply_due = HandleUnlock(sender, request, &reply);
+      due = HandleUnlock(request, &owed);
       break;
     case REQ_CLIENT_END:
-      reply_due = HandleClientEnd(sender, request, &reply);
+      due = HandleClientEnd(request, &owed);
       break;
     case REQ_TEXT:  // the text is carried and dropped
       break;
     case REQ_CLOSE:
-      reply_due = HandleClose(sender, request, &reply);
+      due = HandleClose(request, &owed);
       break;
     case REQ_OPLOCK_RELEASE:
-      reply_due = HandleOplockRelease(sender, request, &reply);
+      due = HandleOplockRelease(request, &owed);
       break;
     case REQ_PROBE:
-      reply_due = HandleProbe(sender, request);
+      due = HandleProbe(request, owed);
       break;
     case REQ_NOOP:
       break;
     default:
-      reply.SetStatus(ReplyStatus::kUnknown);
+      owed.reply.SetStatus(ReplyStatus::kUnknown);
       break;
   }
-  if (reply_due) SendReply(sender, &reply);
+  if (due == ReplyDue::kNow) SendOwedReply(&owed);
 }
 
-bool LockManagerDaemon::HandleProbe(const SocketAddress& sender, const LockRequest& request) {
+void LockManagerDaemon::WriteStatusReport(OutputStream& out) const {
+  StatusReport(clients_, files_, holders_).Write(out);
+}
+
+// The report goes out as it is written, a chunk at a time; the rest of it is
+// lost without a word when the peer fails or goes.
+void LockManagerDaemon::SendStatusReport(Descriptor* connection,
+                                         DescriptorStream::ProgressHook on_progress) const {
+  DescriptorStream out(connection, on_progress);
+  WriteStatusReport(out);
+}
+
+void LockManagerDaemon::SendOwedReply(OwedReply* owed) {
+  assert(sink_ != nullptr);
+  sink_->SendReply(owed->to, owed->reply.Bytes());
+}
+
+// The answer is the probe's own head with version and wantreply set.
+ReplyDue LockManagerDaemon::HandleProbe(const LockRequest& request, const OwedReply& owed) {
   if (request.WantReply() == 0) {
-    MarkAlive(ClientKey::Of(sender, request.Session()));
-    return false;
+    MarkAlive(ClientKey::Of(owed.to, request.Session()));
+    return ReplyDue::kNone;
   }
   LockRequest answer = request;
   answer.SetVersion(kProtocolVersion);
   answer.SetWantReply(0);
-  SendReply(sender, &answer);
-  return false;
+  sink_->SendReply(owed.to, answer.Bytes());
+  return ReplyDue::kNone;
 }
 
 bool LockManagerDaemon::HasMemoryToReturn() const {
@@ -88,42 +107,6 @@ bool LockManagerDaemon::HasMemoryToReturn() const {
 void LockManagerDaemon::ReturnMemory() {
   malloc_trim(0);
   holders_.ResetPeak();
-}
-
-void LockManagerDaemon::SendReply(const SocketAddress& to, LockReply* reply) {
-  SendDatagram(to, reply->Bytes(), Writer::kSynchronous);
-}
-
-void LockManagerDaemon::SendReply(const SocketAddress& to, LockRequest* message) {
-  SendDatagram(to, message->Bytes(), Writer::kSynchronous);
-}
-
-void LockManagerDaemon::SendAsync(const SocketAddress& to, LockReply* message) {
-  SendDatagram(to, message->Bytes(), Writer::kAsynchronous);
-}
-
-void LockManagerDaemon::SendDatagram(const SocketAddress& to, std::string_view bytes,
-                                     Writer writer) {
-  assert(udp_ != nullptr);
-  long count = 0;
-  const TransferStatus status = udp_->SendTo(bytes.data(), bytes.size(), &count, to);
-  const bool synchronous = writer == Writer::kSynchronous;
-  if (status == TransferStatus::kEndOfFile) {
-    TextBuilder message;
-    message << "There was an EOF while writing to a socket. The locking has failed.\nThe "
-            << "Kelvane"
-            << "server will fail\nStop then restart the server.";
-    log_.Error(synchronous ? "locking/socket/writeeof" : "locking/socket/asyncwriteeof", message,
-               Severity::kFatal);
-  } else if (status == TransferStatus::kFailed) {
-    TextBuilder message;
-    message << "There was an error while writing to a socket: " << udp_->LastFailure().Text()
-            << "\nA locking transaction has failed.\nIf this is a repeat, try restarting the "
-               "server.";
-    log_.Error(synchronous ? "locking/socket/writeerror" : "locking/socket/asyncwriteerror",
-               message, Severity::kRecoverable);
-  }
-  // A partial send or a would-block loses the datagram; there is no retry.
 }
 
 }  // namespace klv

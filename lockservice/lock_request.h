@@ -5,46 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "foundation/ref_string.h"
+#include "protocol/wire.h"
 
 namespace klv {
-
-// Codes of the lock protocol. Requests come from server processes; the daemon
-// sends MSG_OPLOCK_BREAK, MSG_OPEN_RETRY and its own REQ_PROBE unasked.
-enum MessageCode : uint32_t {
-  REQ_OPEN = 1,
-  REQ_LOCK = 2,
-  REQ_UNLOCK = 3,
-  REQ_CLIENT_END = 4,
-  REQ_TEXT = 5,
-  REQ_CLOSE = 6,
-  REQ_OPLOCK_RELEASE = 7,
-  MSG_OPLOCK_BREAK = 8,
-  MSG_OPEN_RETRY = 9,
-  REQ_PROBE = 1000,
-  REQ_NOOP = 1001,
-  // A reply form with one 16-bit word of body, which no handler sends.
-  REPLY_HALFWORD = 1002,
-};
-
-// The status word of a reply.
-enum class ReplyStatus : uint32_t {
-  kDone = 0,      // done or granted
-  kConflict = 1,  // share violation on open, range overlap on lock
-  kNotFound = 2,  // unlock of an unknown file or of a range not held
-  kUnknown = 4,   // unknown request code, or oplock release of an unknown file
-  kWait = 5,      // the open must wait for oplock breaks; value is the wait id
-};
-
-// 2.01.905 as 2 * 100000 + 1 * 1000 + 905.
-constexpr uint32_t kProtocolVersion = 201905;
-// The tag of the daemon's own liveness probe.
-constexpr uint32_t kProbeTag = 0xBEEFCAFE;
-constexpr size_t kRequestHeadSize = 28;
-constexpr size_t kProbeSize = 36;
-constexpr size_t kReplyHeadSize = 16;
-// The client name field of REQ_OPEN always occupies this many bytes.
-constexpr size_t kClientNameSize = 16;
 
 // One request datagram: a head of seven words and a body that depends on the
 // code. The fields are read through the getters; every setter marks the
@@ -122,9 +85,9 @@ class LockRequest {
   uint32_t version_ = 0;
   uint32_t wantreply_ = 0;
   bool needs_encoding_ = true;
-  std::string_view wire_;  // the decoded datagram
+  std::string_view wire_;    // the decoded datagram
   size_t encoded_size_ = 0;  // when not 0, the bytes encoded afresh
-  char encoded_[kProbeSize];
+  unsigned char encoded_[request::kProbeSize];
 };
 
 // One reply datagram, or one of the daemon's own messages: a head of four
@@ -134,10 +97,6 @@ class LockReply {
   // Status kDone, value 0, body zero.
   LockReply(uint32_t code, uint32_t tag) : code_(code), tag_(tag) {}
 
-  // The datagram length for `code`: 20 for REQ_OPEN and MSG_OPEN_RETRY, 32
-  // for MSG_OPLOCK_BREAK, 18 for REPLY_HALFWORD (its 16-bit word is always
-  // 0), 16 for every other code.
-  static size_t LengthFor(uint32_t code);
   // The datagram, rebuilt from the fields when one changed since the last
   // call. The view lasts until the record changes or goes.
   std::string_view Bytes();
@@ -163,7 +122,7 @@ class LockReply {
   uint32_t value_ = 0;
   uint32_t body_[kBodyWords] = {};
   bool needs_encoding_ = true;
-  char bytes_[kReplyHeadSize + 4 * kBodyWords];
+  unsigned char bytes_[reply::kLongest];
 };
 
 }  // namespace klv

@@ -27,9 +27,9 @@ FileEntry* LockManagerDaemon::FindOrAddFile(const FileKey& key) {
   return file;
 }
 
-bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockRequest& request,
-                                   LockReply* reply) {
-  const ClientKey requester = ClientKey::Of(sender, request.Session());
+ReplyDue LockManagerDaemon::HandleOpen(const LockRequest& request, OwedReply* owed) {
+  LockReply* reply = &owed->reply;
+  const ClientKey requester = ClientKey::Of(owed->to, request.Session());
   RegisterClient(requester, request.ClientName());
   FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
   const OpenLock candidate{requester, request.OpenMode(), request.Clientfid()};
@@ -38,15 +38,15 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
   if (request.WaitId() != 0) WithdrawWait(request.WaitId());
 
   uint32_t wait_id = 0;
-  if (BreakOplocks(request, requester, file, &wait_id)) {
+  if (SendBreaksAndWait(request, requester, file, &wait_id)) {
     reply->SetStatus(ReplyStatus::kWait);
     reply->SetValue(wait_id);
-    ProbeIfSilent(requester);
-    return true;
+    SendProbeIfSilent(requester);
+    return ReplyDue::kNow;
   }
   if (!AgreesWithOpens(*file, candidate)) {
     reply->SetStatus(ReplyStatus::kConflict);
-    return true;
+    return ReplyDue::kNow;
   }
   if (OplockGrantable(request, *file)) {
     // Waits find their holders among the file's oplocks by id.
@@ -58,21 +58,20 @@ bool LockManagerDaemon::HandleOpen(const SocketAddress& sender, const LockReques
     });
     file->oplocks.Append(OpLock{requester, request.OplockWanted(), request.Clientfid(), {}, id});
     reply->SetOplockGranted(1);
-    ProbeIfSilent(requester);
+    SendProbeIfSilent(requester);
   }
   file->opens.Append(candidate);
   // The same path again leaves the entry's string as it is.
   if (!request.Path().empty() && !file->path.Equals(request.Path())) {
     file->path = RefString(request.Path());
   }
-  return true;
+  return ReplyDue::kNow;
 }
 
-bool LockManagerDaemon::HandleClose(const SocketAddress& sender, const LockRequest& request,
-                                    LockReply* /*reply*/) {
+ReplyDue LockManagerDaemon::HandleClose(const LockRequest& request, OwedReply* owed) {
   FileEntry* file = files_.Find(FileKey{request.FilekeyHi(), request.FilekeyLo()});
-  if (file == nullptr) return true;
-  const ClientKey client = ClientKey::Of(sender, request.Session());
+  if (file == nullptr) return ReplyDue::kNow;
+  const ClientKey client = ClientKey::Of(owed->to, request.Session());
   const uint32_t clientfid = request.Clientfid();
   const uint32_t holder = holders_.Find(client);
   if (holder != HolderTable::kNone) {
@@ -80,10 +79,10 @@ bool LockManagerDaemon::HandleClose(const SocketAddress& sender, const LockReque
       return lock.holder == holder && lock.clientfid == clientfid;
     }));
   }
-  ReleaseOplocks(file, client, clientfid);
+  ReleaseOplocksAndSendRetries(file, client, clientfid);
   file->opens.RemoveWhere(
       [&](const OpenLock& open) { return open.client == client && open.clientfid == clientfid; });
-  return true;
+  return ReplyDue::kNow;
 }
 
 }  // namespace klv

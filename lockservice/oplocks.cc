@@ -8,8 +8,8 @@
 
 namespace klv {
 
-bool LockManagerDaemon::BreakOplocks(const LockRequest& request, const ClientKey& requester,
-                                     FileEntry* file, uint32_t* wait_id) {
+bool LockManagerDaemon::SendBreaksAndWait(const LockRequest& request, const ClientKey& requester,
+                                          FileEntry* file, uint32_t* wait_id) {
   WaitEntry* wait = nullptr;
   // Every oplock is broken, the requester's own under other clientfids too.
   for (uint32_t slot = 0; slot < file->oplocks.Count(); ++slot) {
@@ -17,8 +17,8 @@ bool LockManagerDaemon::BreakOplocks(const LockRequest& request, const ClientKey
     LockReply message(MSG_OPLOCK_BREAK, 0);
     message.SetBreak(request.FilekeyHi(), request.FilekeyLo(), holder.clientfid,
                      holder.client.session);
-    ProbeIfSilent(holder.client);
-    SendAsync(holder.client.Address(), &message);
+    SendProbeIfSilent(holder.client);
+    sink_->SendAsync(holder.client.Address(), message.Bytes());
     if (wait == nullptr) {
       const uint32_t id = NextFreeId(
           &last_wait_id_, [this](uint32_t taken) { return waits_.Find(taken) != nullptr; });
@@ -58,16 +58,16 @@ void LockManagerDaemon::WithdrawWait(uint32_t id) {
   delete wait;
 }
 
-void LockManagerDaemon::ReleaseOplocks(FileEntry* file, const ClientKey& client,
-                                       uint32_t clientfid) {
+void LockManagerDaemon::ReleaseOplocksAndSendRetries(FileEntry* file, const ClientKey& client,
+                                                     uint32_t clientfid) {
   if (file->oplocks.IsEmpty()) return;
-  ReleaseOplocksWhere(file, [&](const OpLock& oplock) {
+  ReleaseOplocksWhereAndSendRetries(file, [&](const OpLock& oplock) {
     return oplock.client == client && oplock.clientfid == clientfid;
   });
 }
 
-void LockManagerDaemon::ReleaseOplocksWhere(FileEntry* file,
-                                            const std::function<bool(const OpLock&)>& matches) {
+void LockManagerDaemon::ReleaseOplocksWhereAndSendRetries(
+    FileEntry* file, const std::function<bool(const OpLock&)>& matches) {
   uint32_t slot = 0;
   while (slot < file->oplocks.Count()) {
     if (matches(file->oplocks[slot])) {
@@ -78,8 +78,6 @@ void LockManagerDaemon::ReleaseOplocksWhere(FileEntry* file,
   }
 }
 
-// Retry notice layout: code MSG_OPEN_RETRY, tag 0, status 0, value the wait
-// id, then the waiter's session.
 void LockManagerDaemon::ReleaseOplockAndSendRetries(FileEntry* file, uint32_t slot) {
   const OpLock& oplock = file->oplocks[slot];
   for (uint32_t wait_id : oplock.waits) {
@@ -91,21 +89,21 @@ void LockManagerDaemon::ReleaseOplockAndSendRetries(FileEntry* file, uint32_t sl
     LockReply notice(MSG_OPEN_RETRY, 0);
     notice.SetValue(wait_id);
     notice.SetWaiterSession(wait->client.session);
-    SendAsync(wait->client.Address(), &notice);
+    sink_->SendAsync(wait->client.Address(), notice.Bytes());
   }
   file->oplocks.RemoveAt(slot);
 }
 
-bool LockManagerDaemon::HandleOplockRelease(const SocketAddress& sender, const LockRequest& request,
-                                            LockReply* reply) {
+ReplyDue LockManagerDaemon::HandleOplockRelease(const LockRequest& request, OwedReply* owed) {
   FileEntry* file = files_.Find(FileKey{request.FilekeyHi(), request.FilekeyLo()});
   if (file == nullptr) {
-    reply->SetStatus(ReplyStatus::kUnknown);
-    return true;
+    owed->reply.SetStatus(ReplyStatus::kUnknown);
+    return ReplyDue::kNow;
   }
   // The open stays: giving up the oplock does not close the file.
-  ReleaseOplocks(file, ClientKey::Of(sender, request.Session()), request.Clientfid());
-  return true;
+  ReleaseOplocksAndSendRetries(file, ClientKey::Of(owed->to, request.Session()),
+                               request.Clientfid());
+  return ReplyDue::kNow;
 }
 
 }  // namespace klv

@@ -4,55 +4,46 @@
 
 namespace klv {
 
-namespace {
-
-// The lock type that the daemon does not implement; it still locks exclusively.
-constexpr uint32_t kUnimplementedLockType = 4;
-
-}  // namespace
-
-bool LockManagerDaemon::HandleLock(const SocketAddress& sender, const LockRequest& request,
-                                   LockReply* reply) {
+ReplyDue LockManagerDaemon::HandleLock(const LockRequest& request, OwedReply* owed) {
   // A lock may come before any open of the file.
   FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
   RecordLock candidate{.offset = request.Offset(),
                        .length = request.Length(),
                        .clientfid = request.Clientfid(),
-                       .shared = request.LockType() & 1};
-  if (request.LockType() == kUnimplementedLockType) {
+                       .shared = request.LockType() & kLockSharedBit};
+  if (request.LockType() == kLockTypeUnimplemented) {
     TextBuilder message;
     message << "A call was made to an unimplemented function.\n"
                "A lock transaction has failed.Check the installation is not corrupted";
     log_.Error("locking/api/notimplemented", message, Severity::kRecoverable);
   }
   if (file->ranges.Conflicts(candidate)) {
-    reply->SetStatus(ReplyStatus::kConflict);
-    return true;
+    owed->reply.SetStatus(ReplyStatus::kConflict);
+    return ReplyDue::kNow;
   }
-  candidate.holder = holders_.Acquire(ClientKey::Of(sender, request.Session()));
+  candidate.holder = holders_.Acquire(ClientKey::Of(owed->to, request.Session()));
   file->ranges.Append(candidate);
-  return true;
+  return ReplyDue::kNow;
 }
 
-bool LockManagerDaemon::HandleUnlock(const SocketAddress& sender, const LockRequest& request,
-                                     LockReply* reply) {
+ReplyDue LockManagerDaemon::HandleUnlock(const LockRequest& request, OwedReply* owed) {
   FileEntry* file = files_.Find(FileKey{request.FilekeyHi(), request.FilekeyLo()});
   if (file == nullptr) {
-    reply->SetStatus(ReplyStatus::kNotFound);
-    return true;
+    owed->reply.SetStatus(ReplyStatus::kNotFound);
+    return ReplyDue::kNow;
   }
   // Only the exact range of one held lock matches; the shared mark is not compared.
-  const uint32_t holder = holders_.Find(ClientKey::Of(sender, request.Session()));
+  const uint32_t holder = holders_.Find(ClientKey::Of(owed->to, request.Session()));
   if (holder == HolderTable::kNone ||
       !file->ranges.RemoveFirst({.offset = request.Offset(),
                                  .length = request.Length(),
                                  .clientfid = request.Clientfid(),
                                  .holder = holder})) {
-    reply->SetStatus(ReplyStatus::kNotFound);
-    return true;
+    owed->reply.SetStatus(ReplyStatus::kNotFound);
+    return ReplyDue::kNow;
   }
   holders_.Release(holder);
-  return true;
+  return ReplyDue::kNow;
 }
 
 }  // namespace klv

@@ -1,9 +1,9 @@
-// The status report: a banner, the client table and every file that holds a
-// lock, closed by a line of totals.
-#include "foundation/descriptor_stream.h"
+#include "lockservice/status_report.h"
+
 #include "foundation/time_stamp.h"
-#include "lockservice/lock_manager_daemon.h"
 #include "lockservice/share_modes.h"
+#include "protocol/report_layout.h"
+#include "protocol/version.h"
 
 namespace klv {
 
@@ -18,21 +18,17 @@ struct ReportTotals {
 };
 
 const char* StateText(ClientState state) {
-  return state == ClientState::kOk ? "  OK     " : " WAIT    ";
+  return state == ClientState::kOk ? report::kStateOk : report::kStateWait;
 }
 
 }  // namespace
 
-void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
+void StatusReport::Write(OutputStream& out) const {
   FormatTimeStamp(out, TimeStamp::Now());
-  out << " "
-      << "Ostrand Kelvane Lock Daemon"
-      << " "
-      << "2.01.905"
-      << "\n\n";
-  out << "== Client information\n";
+  out << " " << kDaemonName << " " << kFullVersion << "\n\n";
+  out << report::kClientSection;
   WriteClientLines(out);
-  out << "\n== File lock information\n";
+  out << report::kFileSection;
   ReportTotals totals;
   const std::vector<RefString> holder_names = HolderNames();
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
@@ -44,45 +40,45 @@ void LockManagerDaemon::WriteStatusReport(OutputStream& out) {
     totals.oplocks += file.oplocks.Count();
     WriteFileLines(out, file, holder_names);
   }
-  out << "\nFiles: " << files_.Size() << " Used: " << totals.files_used
-      << " OpenLocks: " << totals.open_locks << " RecordLocks: " << totals.record_locks
-      << " OpLocks: " << totals.oplocks << "\n";
+  out << report::kFilesLabel << files_.Size() << report::kUsedLabel << totals.files_used
+      << report::kOpenLocksLabel << totals.open_locks << report::kRecordLocksLabel
+      << totals.record_locks << report::kOplocksLabel << totals.oplocks << "\n";
 }
 
-void LockManagerDaemon::WriteClientLines(OutputStream& out) {
+void StatusReport::WriteClientLines(OutputStream& out) const {
   if (clients_.Size() == 0) return;
-  out << "  Name            State SessionId   Address\n";
+  out << report::kClientHeading;
   for (HashSetIterator<ClientEntry, ClientTraits> it(clients_); it.Advance();) {
     const ClientEntry& client = *it.Current();
-    out << "  ";
+    out << report::kIndent;
     WriteNameField(out, client.name);
-    out << " " << StateText(client.state) << client.session_id << "    " << client.Key().Address()
-        << "\n";
+    out << " " << StateText(client.state) << client.session_id << report::kAddressGap
+        << client.Key().Address() << "\n";
   }
 }
 
-void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
-                                       const std::vector<RefString>& holder_names) {
+void StatusReport::WriteFileLines(OutputStream& out, const FileEntry& file,
+                                  const std::vector<RefString>& holder_names) const {
   out << "[" << file.key.hi << "," << file.key.lo << "] " << file.path << "\n";
-  if (!file.opens.IsEmpty()) out << "  Open locks: [clientfid type]\n";
+  if (!file.opens.IsEmpty()) out << report::kOpenLocksHeading;
   for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
     const OpenLock& open = file.opens[slot];
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, HolderName(open.client));
     out << " " << open.clientfid << " ";
     WriteOpenMode(out, open.openmode);
     out << "\n";
   }
-  if (!file.oplocks.IsEmpty()) out << "  Op locks: [clientfid type]\n";
+  if (!file.oplocks.IsEmpty()) out << report::kOplocksHeading;
   for (uint32_t slot = 0; slot < file.oplocks.Count(); ++slot) {
     const OpLock& oplock = file.oplocks[slot];
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, HolderName(oplock.client));
     out << " " << oplock.clientfid << " " << oplock.type << "\n";
   }
-  if (!file.ranges.IsEmpty()) out << "  Record locks: [clientfid type offset length]\n";
+  if (!file.ranges.IsEmpty()) out << report::kRecordLocksHeading;
   file.ranges.ForEach([&](const RecordLock& range) {
-    out << "    ";
+    out << report::kRowIndent;
     WriteNameField(out, holder_names[range.holder]);
     out << " " << range.clientfid << " " << unsigned{range.shared} << " " << range.offset << " "
         << range.length << "\n";
@@ -90,23 +86,15 @@ void LockManagerDaemon::WriteFileLines(OutputStream& out, const FileEntry& file,
   out << "\n";
 }
 
-RefString LockManagerDaemon::HolderName(const ClientKey& holder) const {
+RefString StatusReport::HolderName(const ClientKey& holder) const {
   const ClientEntry* client = clients_.Find(holder);
   return client == nullptr ? RefString() : client->name;
 }
 
-std::vector<RefString> LockManagerDaemon::HolderNames() const {
+std::vector<RefString> StatusReport::HolderNames() const {
   std::vector<RefString> names(holders_.End());
   for (uint32_t id = 0; id < holders_.End(); ++id) names[id] = HolderName(holders_.KeyOf(id));
   return names;
-}
-
-// The report goes out as it is written, a chunk at a time; the rest of it is
-// lost without a word when the peer fails or goes.
-void LockManagerDaemon::SendStatusReport(Descriptor* connection,
-                                         DescriptorStream::ProgressHook on_progress) {
-  DescriptorStream out(connection, on_progress);
-  WriteStatusReport(out);
 }
 
 }  // namespace klv

@@ -126,7 +126,7 @@ RefString LockManagerDaemon::CheckHolders() const {
   return RefString();
 }
 
-RefString LockManagerDaemon::CheckTables() const {
+RefString LockManagerDaemon::CheckTablesForTesting() const {
   RefString problem = CheckTable(clients_, "client table");
   if (problem.IsEmpty()) problem = CheckTable(files_, "file table");
   if (problem.IsEmpty()) problem = CheckTable(waits_, "wait table");

@@ -25,6 +25,7 @@
 #include "bench/soak/soak_client.h"
 #include "lockservice/file_entry.h"
 #include "lockservice/share_modes.h"
+#include "protocol/report_layout.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/wire_bytes.h"
 
@@ -222,7 +223,7 @@ bool Soak::CompareTotals() {
   }
   std::string report;
   if (!daemon_->ReadStatusReport(&report)) return false;
-  const std::string totals = report.substr(report.rfind("\nFiles: ") + 1);
+  const std::string totals = report.substr(report.rfind(klv::report::kFilesLabel) + 1);
   char expected[128];
   snprintf(expected, sizeof expected, "OpenLocks: %zu RecordLocks: %zu OpLocks: %zu\n", opens,
            ranges, oplocks);

@@ -11,6 +11,7 @@
 
 #include <filesystem>
 
+#include "daemon/udp_reply_sink.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/wire_bytes.h"
 
@@ -35,8 +36,8 @@ class LockManagerDaemonTest : public ::testing::Test {
     SocketAddress address;
     address.SetLoopback();
     udp_.BindTo(address, SOCK_DGRAM);
-    daemon_.SetUdpSocket(&udp_);
-    daemon_.SetRandomSource([] { return 0u; });
+    daemon_.SetReplySink(&replies_);
+    daemon_.SetRandomSourceForTesting([] { return 0u; });
   }
   ~LockManagerDaemonTest() override { std::filesystem::remove_all(directory_); }
 
@@ -83,8 +84,9 @@ class LockManagerDaemonTest : public ::testing::Test {
   }
 
   std::string directory_ = std::filesystem::temp_directory_path() / "klv-daemon-XXXXXX";
-  LockManagerDaemon daemon_{0, RefString(mkdtemp(directory_.data()))};
+  LockManagerDaemon daemon_{RefString(mkdtemp(directory_.data()))};
   Socket udp_;
+  UdpReplySink replies_{&udp_, &daemon_.Log()};
   std::vector<std::unique_ptr<UdpClient>> clients_;
 };
 
@@ -98,7 +100,7 @@ TEST_F(LockManagerDaemonTest, SilentClientIsProbedThenReleasedWithANotice) {
     ASSERT_EQ(Exchange(pc, wire::LockBytes({.session = 1, .filekey_hi = 3}, offset, 10, 0)),
               Hex(Words({2, 0, 0, 0})));
   }
-  EXPECT_STREQ(daemon_.CheckTables().Text(), "");
+  EXPECT_STREQ(daemon_.CheckTablesForTesting().Text(), "");
   EXPECT_EQ(Sweep(), "");
   EXPECT_EQ(Receive(pc), Hex(Words({1000, 0xBEEFCAFE, 1, 0, 0, 0, 0, 201905, 1})));
   EXPECT_NE(Report().find("  WORKSTATION-012  WAIT    1    127.0.0.1:"), std::string::npos);

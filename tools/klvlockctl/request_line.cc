@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "protocol/open_modes.h"
+
 namespace klv {
 
 namespace {
@@ -63,8 +65,6 @@ struct ModeName {
   const char* name;
   uint32_t bits;
 };
-constexpr uint32_t kAccessMask = 0x0F;
-constexpr uint32_t kDenyMask = 0x70;
 constexpr ModeName kAccessNames[] = {{"read", KLVLOCK_OPEN_READ},
                                      {"write", KLVLOCK_OPEN_WRITE},
                                      {"readwrite", KLVLOCK_OPEN_READWRITE},
@@ -125,11 +125,11 @@ bool SetValue(const Key& key, const std::string& value, Command* command) {
     }
     case ValueKind::kAccess:
       if (!ParseModeName(kAccessNames, value, &bits)) return false;
-      request.openmode = (request.openmode & ~kAccessMask) | bits;
+      request.openmode = (request.openmode & ~kAccessBits) | bits;
       return true;
     case ValueKind::kDeny:
       if (!ParseModeName(kDenyNames, value, &bits)) return false;
-      request.openmode = (request.openmode & ~kDenyMask) | bits;
+      request.openmode = (request.openmode & ~kDenyBits) | bits;
       return true;
     case ValueKind::kPath:
       command->path = value;

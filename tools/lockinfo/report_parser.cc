@@ -4,22 +4,24 @@
 #include <cstdint>
 #include <unordered_set>
 
+#include "protocol/report_layout.h"
+#include "protocol/version.h"
 #include "tools/lockinfo/reading_search.h"
 
 namespace klv {
 
 namespace {
 
-constexpr size_t kNameWidth = 15;
-constexpr size_t kTimeWidth = 23;  // "2024/05/17 14:03:07.412"
-constexpr std::string_view kBannerMiddle = " Ostrand Kelvane Lock Daemon ";
-constexpr std::string_view kClientSection = "\n\n== Client information\n";
-constexpr std::string_view kClientHeading = "  Name            State SessionId   Address\n";
-constexpr std::string_view kFileSection = "\n== File lock information\n";
-constexpr std::string_view kOpenHeading = "  Open locks: [clientfid type]\n";
-constexpr std::string_view kOplockHeading = "  Op locks: [clientfid type]\n";
-constexpr std::string_view kRecordLockHeading = "  Record locks: [clientfid type offset length]\n";
-constexpr std::string_view kTotalsStart = "\nFiles: ";
+constexpr size_t kNameWidth = report::kNameWidth;
+constexpr size_t kTimeWidth = report::kTimeStampWidth;
+const std::string kBannerMiddle = std::string(" ") + kDaemonName + " ";
+const std::string kClientSection = std::string("\n\n") + report::kClientSection;
+constexpr std::string_view kClientHeading = report::kClientHeading;
+constexpr std::string_view kFileSection = report::kFileSection;
+constexpr std::string_view kOpenHeading = report::kOpenLocksHeading;
+constexpr std::string_view kOplockHeading = report::kOplocksHeading;
+constexpr std::string_view kRecordLockHeading = report::kRecordLocksHeading;
+constexpr std::string_view kTotalsStart = report::kFilesLabel;
 
 // More readings than this are not told apart: the whole file section is
 // then ambiguous.

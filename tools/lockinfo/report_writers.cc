@@ -8,6 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "protocol/report_layout.h"
+#include "protocol/version.h"
+
 namespace klv {
 
 namespace {
@@ -197,11 +200,11 @@ void AppendFileText(std::string* out, const ReportFile& file) {
   *out += '[' + std::to_string(file.key_hi) + ',' + std::to_string(file.key_lo) + "] ";
   AppendEscaped(out, file.path);
   *out += '\n';
-  AppendRows(out, "  Open locks: [clientfid type]\n", file.opens,
+  AppendRows(out, report::kOpenLocksHeading, file.opens,
              [](std::string* o, const ReportLock& row) { *o += row.mode; });
-  AppendRows(out, "  Op locks: [clientfid type]\n", file.oplocks,
+  AppendRows(out, report::kOplocksHeading, file.oplocks,
              [](std::string* o, const ReportLock& row) { *o += std::to_string(row.type); });
-  AppendRows(out, "  Record locks: [clientfid type offset length]\n", file.record_locks,
+  AppendRows(out, report::kRecordLocksHeading, file.record_locks,
              [](std::string* o, const ReportLock& row) {
                *o += std::to_string(row.type) + ' ' + std::to_string(row.offset) + ' ' +
                      std::to_string(row.length);
@@ -244,17 +247,18 @@ std::string ReportJson(const StatusReport& report) {
 }
 
 std::string ReportText(const StatusReport& report) {
-  std::string out = report.time + " Ostrand Kelvane Lock Daemon " + report.version +
-                    "\n\n== Client information\n";
-  if (!report.clients.empty()) out += "  Name            State SessionId   Address\n";
+  std::string out = report.time + " " + kDaemonName + " " + report.version + "\n\n" +
+                    report::kClientSection;
+  if (!report.clients.empty()) out += report::kClientHeading;
   for (const ReportClient& client : report.clients) {
-    out += "  ";
+    out += report::kIndent;
     AppendNameField(&out, client.name);
-    out += client.state == "OK" ? "   OK     " : "  WAIT    ";
-    out += std::to_string(client.session) + "    " + client.address + ':' +
+    out += ' ';
+    out += client.state == "OK" ? report::kStateOk : report::kStateWait;
+    out += std::to_string(client.session) + report::kAddressGap + client.address + ':' +
            std::to_string(client.port) + '\n';
   }
-  out += "\n== File lock information\n";
+  out += report::kFileSection;
   for (size_t i = 0; i <= report.files.size(); ++i) {
     for (const AmbiguousStretch& stretch : report.ambiguous) {
       if (stretch.at == i) AppendStretchText(&out, stretch);
@@ -262,10 +266,10 @@ std::string ReportText(const StatusReport& report) {
     if (i < report.files.size()) AppendFileText(&out, report.files[i]);
   }
   const ReportTotals& totals = report.totals;
-  out += "\nFiles: " + std::to_string(totals.files) + " Used: " + std::to_string(totals.used) +
-         " OpenLocks: " + std::to_string(totals.open_locks) +
-         " RecordLocks: " + std::to_string(totals.record_locks) +
-         " OpLocks: " + std::to_string(totals.oplocks) + '\n';
+  out += report::kFilesLabel + std::to_string(totals.files) + report::kUsedLabel +
+         std::to_string(totals.used) + report::kOpenLocksLabel + std::to_string(totals.open_locks) +
+         report::kRecordLocksLabel + std::to_string(totals.record_locks) + report::kOplocksLabel +
+         std::to_string(totals.oplocks) + '\n';
   return out;
 }
 

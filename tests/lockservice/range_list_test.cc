@@ -75,6 +75,18 @@ TEST(RangeList, AgreesWithTheWalkThroughEveryChange) {
   }
 }
 
+// Ranges granted in ascending order, as a file written front to back is
+// locked, keep the index shallow: unlocking the first does not recurse
+// through every one.
+TEST(RangeList, HalfAMillionAscendingRanges) {
+  RangeList list;
+  for (uint32_t offset = 0; offset < (1u << 19); ++offset)
+    list.Append({.offset = offset, .length = 1});
+  EXPECT_TRUE(list.RemoveFirst({.offset = 0, .length = 1}));
+  EXPECT_FALSE(list.Conflicts({.offset = 0, .length = 1}));
+  EXPECT_TRUE(list.Conflicts({.offset = 1, .length = 1}));
+}
+
 }  // namespace
 
 }  // namespace klv

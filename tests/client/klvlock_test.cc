@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <iterator>
@@ -101,7 +103,6 @@ TEST_F(ClientLibrary, ProbeIsAnsweredOnTheNonBlockingPath) {
 TEST(ClientLibraryAlone, RequestBytesAndResends) {
   UdpClient daemon(0);  // receives the requests and never answers them
   klvlock::Session session(daemon.Port(), 5, "sixteen-byte-nam");
-  ASSERT_EQ(session.Error(), KLVLOCK_OK);
   std::jthread strays([&daemon, port = session.LocalPort()](std::stop_token stop) {
     for (int sent = 0; sent < 1000 && !stop.stop_requested(); ++sent) {
       daemon.SendTo(port, Words({1001, 0, 0, 0}) + "x");  // no reply's shape
@@ -138,9 +139,8 @@ TEST(ClientLibraryAlone, RequestBytesAndResends) {
     c.request.clientfid = 3;
     c.request.file = kFile;
     EXPECT_EQ(session.Call(c.request, 300).error, KLVLOCK_ETIMEDOUT);
-    std::string datagram;
     int copies = 0;
-    for (; copies < 10 && daemon.Receive(&datagram, 50); ++copies) {
+    for (std::string datagram; copies < 10 && daemon.Receive(&datagram, 50); ++copies) {
       EXPECT_EQ(Hex(datagram), Hex(c.bytes));
     }
     EXPECT_EQ(copies > 1, c.resent) << copies;
@@ -150,13 +150,16 @@ TEST(ClientLibraryAlone, RequestBytesAndResends) {
             250);
 }
 
-// Late, stale, garbled and empty datagrams are dropped, a probe is answered,
-// and one Process call takes all that has arrived.
+// A signal does not end a call's wait; late, stale, garbled and empty
+// datagrams are dropped, a probe is answered, and one Process call takes all
+// that has arrived.
 TEST(ClientLibraryAlone, RepliesProbesAndLosses) {
   UdpClient daemon(0);  // answers by hand
   klvlock::Session session(daemon.Port(), 5, "alone");
   ASSERT_EQ(session.Error(), KLVLOCK_OK);
-  EXPECT_EQ(session.Noop(50).error, KLVLOCK_ETIMEDOUT);
+  signal(SIGALRM, [](int) {});  // interrupts the wait of the call, which goes on
+  ualarm(20000, 0);
+  EXPECT_EQ(session.Noop(100).error, KLVLOCK_ETIMEDOUT);
   std::string noop;
   while (daemon.Receive(&noop, 100)) continue;
   const klvlock_request request = {.code = KLVLOCK_REQ_NOOP};
@@ -209,7 +212,6 @@ TEST(ClientLibraryAlone, RefusedArgumentsAndAnUnreachableDaemon) {
   uint32_t tag;
   const std::pair<int, int> kCases[] = {
       {klvlock_create(nobody, 5, "seventeen-bytes-n", &other), KLVLOCK_EINVAL},
-      {klvlock_create(0, 5, "alone", &other), KLVLOCK_EINVAL},
       {klvlock_destroy(nullptr), KLVLOCK_OK},
       {klvlock_call(s, &unknown, 100, &reply), KLVLOCK_EINVAL},
       {klvlock_call(s, &noop, 0, &reply), KLVLOCK_EINVAL},

@@ -80,8 +80,7 @@ TEST(RangeList, AgreesWithTheWalkThroughEveryChange) {
 // through every one.
 TEST(RangeList, HalfAMillionAscendingRanges) {
   RangeList list;
-  for (uint32_t offset = 0; offset < (1u << 19); ++offset)
-    list.Append({.offset = offset, .length = 1});
+  for (uint32_t at = 0; at < (1u << 19); ++at) list.Append({.offset = at, .length = 1});
   EXPECT_TRUE(list.RemoveFirst({.offset = 0, .length = 1}));
   EXPECT_FALSE(list.Conflicts({.offset = 0, .length = 1}));
 }

@@ -121,8 +121,7 @@ TEST_F(Robustness, StopEndsTheDaemonDuringAFlood) {
     }
   });
   std::this_thread::sleep_for(milliseconds(500));
-  for (const int signal_number : {SIGINT, SIGABRT})
-    kill(daemon_.Pid(), signal_number);  // all three
+  for (const int other : {SIGINT, SIGABRT}) kill(daemon_.Pid(), other);  // all three pending
   EXPECT_EQ(daemon_.Stop(SIGTERM, 3000), ProcessEnd::Exited(0));
 }
 

@@ -47,8 +47,7 @@ TEST_F(ClientLibrary, BreakReachesTheHolderAndRetryNoticeTheWaiter) {
   klvlock::Session waiter = NewSession(0xB0, "waiter");
   std::vector<klvlock_event> held;
   holder.SetEventHandler([&](const klvlock_event& event) { held.push_back(event); });
-  const klvlock::Result granted = holder.Open(kFile, 11, kReadDenyNone, {.oplock = true});
-  ASSERT_TRUE(granted.Done());
+  ASSERT_TRUE(holder.Open(kFile, 11, kReadDenyNone, {.oplock = true}).Done());
   // The daemon probes a new client before its first oplock: answered inside the call.
   ASSERT_EQ(held.size(), 1u);
   EXPECT_EQ(held[0].kind, KLVLOCK_EVENT_PROBE);

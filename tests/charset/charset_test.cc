@@ -52,6 +52,8 @@ TEST(Charset, Utf8WellAndMalformed) {
     EXPECT_EQ(Encode(charset::kUtf8, Units(kCases[index].second)), kCases[index].first);
   }
   EXPECT_EQ(Encode(charset::kUtf8, Units({0xD83D, 'a', 0xDE00, 0xDE00, 0xD83D})), "?a???");
+  const std::u16string pair = Units({0xD83D, 0xDE00});  // cut before its low half
+  EXPECT_EQ(Encode(charset::kUtf8, std::u16string_view(pair).substr(0, 1)), "?");
 }
 
 TEST(Charset, CodePages) {
@@ -68,7 +70,10 @@ TEST(Charset, CodePages) {
     EXPECT_EQ(Encode(id, text), bytes) << id;
   }
   EXPECT_EQ(Decode(charset::kCodePage1252, "\x81"), u"\uFFFD");  // no character
-  EXPECT_EQ(Encode(charset::kCodePage437, Units({'A', 0x20AC, 0xD83D, 0xDE00, 0xDE00})), "A???");
+  // One '?' a character: a lone surrogate is one, a pair (last here) is one.
+  EXPECT_EQ(Encode(charset::kCodePage437,
+                   Units({'A', 0x20AC, 0xD83D, 'b', 0xDE00, 0xDE00, 'c', 0xD83D, 0xDE00})),
+            "A??b??c?");
   // A code page is served only when iconv knows it.
   EXPECT_TRUE(charset::CodePageAvailable("CP437"));
   EXPECT_FALSE(charset::CodePageAvailable("NO-SUCH-CODE-PAGE"));

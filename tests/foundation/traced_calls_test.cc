@@ -1,7 +1,9 @@
-// Traced-call edges that the daemon meets rarely: a port out of range and a
-// failure without arguments.
+// Traced-call edges that the daemon meets rarely: a port out of range, a
+// failed socket option and a failure without arguments.
 
 #include <gtest/gtest.h>
+
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <string>
@@ -18,6 +20,18 @@ TEST(TracedCalls, PortOutOfRangeIsRefused) {
   EXPECT_TRUE(address.SetPort(65535));
   EXPECT_FALSE(address.SetPort(65536));
   EXPECT_EQ(address.Port(), 0);
+}
+
+TEST(TracedCalls, BufferSizeIsSetOrItsFailureRecorded) {
+  SocketAddress address;
+  address.SetLoopback();
+  Socket bound;
+  ASSERT_TRUE(bound.BindTo(address, SOCK_DGRAM));
+  EXPECT_TRUE(bound.SetRecvBuffer(32768));
+  Socket unopened;
+  EXPECT_FALSE(unopened.SetRecvBuffer(32768));
+  const std::string text = unopened.LastFailure().Text().Encode(charset::kIso8859_1);
+  EXPECT_TRUE(text.starts_with("setsockopt(") && text.ends_with("(9) Bad file descriptor")) << text;
 }
 
 TEST(TracedCalls, FailureWithoutArgumentsStillNamesItsCall) {

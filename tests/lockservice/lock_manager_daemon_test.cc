@@ -143,6 +143,7 @@ TEST_F(LockManagerDaemonTest, RepliesThatCannotBeSentAreLoggedAndSurvived) {
   CaptureStderr();
   Deliver(nullptr, wire::OpenBytes({.session = 1, .clientfid = 1}, 0x40, 1, "PC1", ""));
   EXPECT_EQ(Open(AddClient(), 2, 0, "PC2"), Hex(Words({1, 0, 5, 1, 0})));
+  EXPECT_STREQ(daemon_.CheckTablesForTesting().Text(), "");  // an oplock and a wait for it
   const std::string errors = WithoutTimeStamps(GetCapturedStderr());
   const auto record = [this](const std::string& id, int length) {
     return "\n<time>\tlocking/socket/" + id +

@@ -96,6 +96,11 @@ TEST_F(LockManagerDaemonTest, SilentClientIsProbedThenReleasedWithANotice) {
   UdpClient& pc = AddClient();
   ASSERT_EQ(Open(pc, 1, 3, "WORKSTATION-0123456", "/share/a.txt"), kGranted);  // 16 bytes arrive
   ASSERT_EQ(Open(pc, 1, 7, "WORKSTATION-0123456", "/share/b.txt"), kGranted);
+  // A second open that its own mode would refuse: the table check must not
+  // hold an open against itself.
+  ASSERT_EQ(Exchange(pc, wire::OpenBytes({0, 0, 1, 2, 7, 0, 0}, 0x22, 0, "WORKSTATION-0123456",
+                                         "/share/b.txt")),
+            kGranted);
   for (const uint32_t offset : {0, 20}) {
     ASSERT_EQ(Exchange(pc, wire::LockBytes({.session = 1, .filekey_hi = 3}, offset, 10, 0)),
               Hex(Words({2, 0, 0, 0})));
@@ -104,7 +109,8 @@ TEST_F(LockManagerDaemonTest, SilentClientIsProbedThenReleasedWithANotice) {
   EXPECT_EQ(Sweep(), "");
   EXPECT_EQ(Receive(pc), Hex(Words({1000, 0xBEEFCAFE, 1, 0, 0, 0, 0, 201905, 1})));
   EXPECT_NE(Report().find("  WORKSTATION-012  WAIT    1    127.0.0.1:"), std::string::npos);
-  EXPECT_EQ(Sweep(), Notice("WORKSTATION-012") + "[3,0] = /share/a.txt\n[7,0] = /share/b.txt\n");
+  EXPECT_EQ(Sweep(), Notice("WORKSTATION-012") +
+                         "[3,0] = /share/a.txt\n[7,0] = /share/b.txt\n[7,0] = /share/b.txt\n");
   EXPECT_EQ(Report().find("  Name"), std::string::npos);
   EXPECT_NE(Report().find("Files: 2 Used: 0 OpenLocks: 0 RecordLocks: 0"), std::string::npos);
 }

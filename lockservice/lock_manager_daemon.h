@@ -56,6 +56,8 @@ class LockManagerDaemon {
   void SetCluster(ClusterSeam* cluster);
   // The node has lost the cluster: every held request is refused.
   void RefuseHeldRequests();
+  // The share classes and byte ranges that the tables hold for the file.
+  FileHoldings HoldingsOf(const FileKey& key) const;
 
   // Handles one datagram of `size` bytes from `sender`: decodes the request,
   // runs its handler and sends the reply when it is due now. Any bytes are
@@ -164,7 +166,6 @@ class LockManagerDaemon {
   // EndClient, then the files it touched written to the store; `synced`
   // runs once they are.
   void EndClientClustered(const ClientKey& key, std::function<void()> synced);
-  FileHoldings HoldingsOf(const FileKey& key) const;
 
   EventLog log_;
   ReplySink* sink_ = nullptr;

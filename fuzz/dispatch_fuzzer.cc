@@ -29,8 +29,6 @@
 #ifdef KLV_FUZZ_CLUSTER
 #include "cluster/cluster_node.h"
 #include "cluster/memory_store.h"
-#include "lockservice/record_lock.h"
-#include "lockservice/share_modes.h"
 #endif
 
 namespace {
@@ -72,43 +70,15 @@ void CheckSent(const klv::RecordingReplySink& sink) {
 }
 
 #ifdef KLV_FUZZ_CLUSTER
-void Fail(const char* what, uint32_t hi, uint32_t lo) {
-  printf("%s on file %u:%u across nodes\n", what, hi, lo);
-  fflush(stdout);
-  abort();
-}
-
-// What two nodes hold of one file agrees.
-void CheckAcross(const klv::FileHoldings& a, const klv::FileHoldings& b, const klv::FileKey& file) {
-  for (int i = 0; i < klv::kShareModes; ++i) {
-    for (int j = 0; j < klv::kShareModes; ++j) {
-      if ((a.classes >> i & 1) && (b.classes >> j & 1) && !klv::ShareClassesAgree(i, j)) {
-        Fail("share classes in conflict", file.hi, file.lo);
-      }
-    }
-  }
-  for (const klv::HeldRange& x : a.ranges) {
-    for (const klv::HeldRange& y : b.ranges) {
-      if (klv::RangesConflict({.offset = x.offset, .length = x.length, .shared = x.shared},
-                              {.offset = y.offset, .length = y.length, .shared = y.shared})) {
-        Fail("ranges in conflict", file.hi, file.lo);
-      }
-    }
-  }
-}
-
 // One daemon of the cluster, with its sink, store and node.
 struct ClusterDaemon {
   ClusterDaemon(klv::cluster::MemoryData* data, const char* name)
       : daemon(klv::RefString("/nonexistent")), store(data) {
-    const klv::cluster::ClusterConfig config{{"http://x:1"}, "f", name, 2, 1, 300};
-    node = std::make_unique<klv::cluster::ClusterNode>(config, &store,
-                                                       [data] { return data->NowMs(); });
+    node = std::make_unique<klv::cluster::ClusterNode>(
+        klv::cluster::ClusterConfig{{"http://x:1"}, "f", name, 2, 1, 300}, &store,
+        [data] { return data->NowMs(); });
     node->Register([](const std::string&) {});
-    node->SetFenceHandler([this](const std::string&) {
-      fenced = true;
-      daemon.RefuseHeldRequests();
-    });
+    node->SetFenceHandler([this](const std::string&) { fenced = true; });
     daemon.SetReplySink(&sink);
     daemon.SetCluster(node.get());
   }
@@ -124,21 +94,24 @@ void FuzzCluster(const Senders& senders, const uint8_t* data, size_t size) {
   ClusterDaemon daemons[2] = {{&store_data, "a"}, {&store_data, "b"}};
   std::set<uint64_t> files;
   auto settle = [&] {
-    for (ClusterDaemon& one : daemons) one.node->Perform();
     for (ClusterDaemon& one : daemons) {
+      one.node->Perform();
       Check(one.daemon);
       CheckSent(one.sink);
       one.sink.Clear();
     }
-    if (daemons[0].fenced || daemons[1].fenced) return;
     for (const uint64_t file : files) {
       const klv::FileKey key{static_cast<uint32_t>(file >> 32), static_cast<uint32_t>(file)};
-      CheckAcross(daemons[0].daemon.HoldingsOf(key), daemons[1].daemon.HoldingsOf(key), key);
+      if (!daemons[0].fenced && !daemons[1].fenced &&
+          klv::cluster::ClusterNode::Conflicts(daemons[0].daemon.HoldingsOf(key),
+                                               daemons[1].daemon.HoldingsOf(key))) {
+        printf("file %u:%u held in conflict by two nodes\n", key.hi, key.lo);
+        fflush(stdout);
+        abort();
+      }
     }
   };
-  settle();
-  size_t at = 0;
-  while (size - at >= 3) {
+  for (size_t at = 0; size - at >= 3;) {
     const uint8_t control = data[at];
     size_t length = data[at + 1] | static_cast<size_t>(data[at + 2]) << 8;
     at += 3;
@@ -147,10 +120,8 @@ void FuzzCluster(const Senders& senders, const uint8_t* data, size_t size) {
     if (control & 0x10) one.store.InjectFaults({{klv::cluster::MemoryStore::Fault::Kind::kLoseReply}});
     if (control & 0x20) store_data.AdvanceTime(100);
     if (control & 0x80) one.daemon.SweepClients();
-    if (length >= 24) {
-      files.insert(uint64_t{klv::ReadWord(data + at, length, 16)} << 32 |
-                   klv::ReadWord(data + at, length, 20));
-    }
+    if (length >= 24) files.insert(uint64_t{klv::ReadWord(data + at, length, 16)} << 32 |
+                                   klv::ReadWord(data + at, length, 20));
     if (!one.fenced) one.daemon.Dispatch(senders.addresses[control % kSenders], data + at, length);
     at += length;
     settle();

@@ -125,6 +125,11 @@ class LockManagerDaemon {
   // opens.cc
   FileEntry* FindOrAddFile(const FileKey& key);
 
+  // record_locks.cc
+  // The lock that the request asks for, holder not yet set; a lock type
+  // that is not implemented writes its error record.
+  RecordLock LockCandidate(const LockRequest& request);
+
   // oplocks.cc
   // Sends MSG_OPLOCK_BREAK to the holder of every oplock of the file and
   // makes `requester` wait for them all: true, with the new wait id in

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/serial_ids.h"
@@ -224,12 +225,16 @@ void LockManagerDaemon::DeferExpired(const std::shared_ptr<HeldRequest>& held) {
 }
 
 void LockManagerDaemon::EndClientClustered(const ClientKey& key, std::function<void()> synced) {
-  // The client's requests still queued are dropped: it has ended.
+  // The client's held requests are dropped unanswered, also those that wait
+  // for the store (whatever they wrote there is written back): it has ended.
+  std::vector<FileKey> moved;
   for (auto& [file, queue] : held_) {
     for (const std::shared_ptr<HeldRequest>& held : queue) {
-      if (!held->decided && held->client == key) held->finished = true;
+      if (held->client == key) held->finished = true;
     }
+    if (queue.front()->finished) moved.push_back(queue.front()->file);
   }
+  for (const FileKey& file : moved) RunQueue(file);
   std::vector<FileKey> touched;
   const uint32_t holder = holders_.Find(key);
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {

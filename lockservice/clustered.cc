@@ -180,19 +180,20 @@ bool LockManagerDaemon::DecideLock(const LockRequest& request,
     return false;
   }
   const HeldRange wanted{candidate.offset, candidate.length, candidate.shared != 0};
-  cluster_->Publish(held->file, {0, {wanted}}, [this, held, candidate](ClusterSeam::Verdict verdict) {
-    if (held->finished) return;
-    FileEntry* granted = FindOrAddFile(held->file);
-    if (verdict == ClusterSeam::Verdict::kGranted && !granted->ranges.Conflicts(candidate)) {
-      RecordLock lock = candidate;
-      lock.holder = holders_.Acquire(held->client);
-      granted->ranges.Append(lock);
-    } else {
-      held->owed.reply.SetStatus(ReplyStatus::kConflict);
-    }
-    Answer(held.get());
-    RunQueue(held->file);
-  });
+  cluster_->Publish(
+      held->file, {0, {wanted}}, [this, held, candidate](ClusterSeam::Verdict verdict) {
+        if (held->finished) return;
+        FileEntry* granted = FindOrAddFile(held->file);
+        if (verdict == ClusterSeam::Verdict::kGranted && !granted->ranges.Conflicts(candidate)) {
+          RecordLock lock = candidate;
+          lock.holder = holders_.Acquire(held->client);
+          granted->ranges.Append(lock);
+        } else {
+          held->owed.reply.SetStatus(ReplyStatus::kConflict);
+        }
+        Answer(held.get());
+        RunQueue(held->file);
+      });
   return true;
 }
 

@@ -18,7 +18,7 @@ TEST(FencingTest, WhileTheStoreIsSilentAnOpenWaitsForItAndALockIsRefusedThenTheN
   DaemonProcess daemon;
   const std::string setting = daemon.LogDirectory() + "/../cluster.conf";
   std::ofstream(setting) << "endpoints = " << getenv("KLV_ETCD_ENDPOINT")
-                         << "\ncluster = f\nlease_ttl = 2\nfence_delay = 1\ndefer_ms = 300\n";
+                         << "\ncluster = f\nlease_ttl = 3\nfence_delay = 1\ndefer_ms = 300\n";
   setenv("KLVLOCKD_CLUSTER", setting.c_str(), 1);
   ASSERT_TRUE(daemon.Start()) << daemon.LastError();
   auto ask = [&](const std::string& request) {

@@ -67,7 +67,7 @@ done <<TABLE
 0;^    b               summary: odd\\\\x1b\[2J$;1;--cluster $conf
 0;^Nodes: 2 Files: 2$;1;--cluster=$conf
 0;z;0;--cluster $conf
-0;"name": "a", "lease": [0-9]+, "lease_left": (59|60), "registration": "pid=4242";1;--json --cluster $conf
+0;"name": "a", "lease": "$lease_a", "lease_left": (59|60), "registration": "pid=4242";1;--json --cluster $conf
 0;"node": "a", "classes": \["OPEN_READWRITE\|DENY_WRITE"\], "ranges": \[\{"offset": 0, "length": 100, "type": "exclusive"\}, \{"offset": 200, "length": 5, "type": "shared"\}\];1;--cluster $conf --json
 0;"node": "b", "summary": "odd\\\\u001b\[2J";1;--cluster $conf --json
 2;--cluster has no --metrics;1;--cluster $conf --metrics

@@ -206,8 +206,10 @@ std::string ClusterJson(const ClusterView& view) {
     const ClusterNode& node = view.nodes[i];
     out += std::string(i > 0 ? "," : "") + "\n    {\"name\": ";
     AppendQuoted(&out, node.name);
-    out += ", \"lease\": " + std::to_string(node.lease) +
-           ", \"lease_left\": " + std::to_string(node.lease_left_s) + ", \"registration\": ";
+    char lease[24];  // in hex, as etcdctl writes lease ids
+    snprintf(lease, sizeof lease, "%llx", static_cast<unsigned long long>(node.lease));
+    out += ", \"lease\": \"" + std::string(lease) +
+           "\", \"lease_left\": " + std::to_string(node.lease_left_s) + ", \"registration\": ";
     AppendQuoted(&out, node.registration);
     out += '}';
   }

@@ -63,7 +63,7 @@ bool DecodeSummary(const std::string& value, ClusterHolding* holding);
 std::string ClusterText(const ClusterView& view);
 
 // The view as one JSON object, ending with a newline:
-//   {"cluster", "revision", "nodes": [{"name", "lease", "lease_left",
+//   {"cluster", "revision", "nodes": [{"name", "lease" (in hex), "lease_left",
 //    "registration"}...], "files": [{"key_hi", "key_lo", "holdings": [{"node",
 //    "classes": [...], "ranges": [{"offset", "length", "type"}...]}...]}...]}
 // A holding that does not decode has "summary" with the stored value instead.

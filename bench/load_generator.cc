@@ -149,6 +149,8 @@ std::string KindName(uint32_t code) {
       return "lock";
     case wire::kUnlock:
       return "unlock";
+    case wire::kNoop:
+      return "noop";
     default:
       return "code" + std::to_string(code);
   }

@@ -11,11 +11,11 @@
 # command to run is printed and the exit status is 1.
 # Usage: scripts/need-packages.sh build|test|cluster|fuzz|package
 set -eu
-build_packages="g++ cmake make libcurl4-openssl-dev nlohmann-json3-dev"
+build_packages="g++ cmake make"
 cluster_packages="etcd-server etcd-client libcurl4-openssl-dev nlohmann-json3-dev"
 package_packages="$build_packages dpkg-dev debhelper lintian adduser bash-completion"
 test_packages="$build_packages libgtest-dev groff-base pkg-config $cluster_packages $package_packages"
-fuzz_packages="clang libclang-rt-14-dev libcurl4-openssl-dev nlohmann-json3-dev"
+fuzz_packages="clang libclang-rt-14-dev"
 case ${1:-} in
   build) packages=$build_packages ;;
   test) packages=$test_packages ;;

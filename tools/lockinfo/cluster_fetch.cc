@@ -38,6 +38,8 @@ bool RunUntilIdle(cluster::EtcdStore* store, const volatile sig_atomic_t* stop) 
 
 }  // namespace
 
+bool ClusterSupported() { return true; }
+
 FetchStatus FetchCluster(const cluster::ClusterConfig& config, int timeout_ms,
                          const volatile sig_atomic_t* stop, ClusterView* view,
                          std::string* failure) {

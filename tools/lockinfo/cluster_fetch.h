@@ -16,6 +16,10 @@ namespace klv {
 // kNoContact when no endpoint took the read, kReadFailed when etcd did not
 // answer it or refused it, with `*failure` saying why, and kInterrupted when
 // a signal set *stop. A lease whose time cannot be read is shown as ended.
+// False when lockinfo was built without the cluster store; --cluster is then
+// refused.
+bool ClusterSupported();
+
 FetchStatus FetchCluster(const cluster::ClusterConfig& config, int timeout_ms,
                          const volatile sig_atomic_t* stop, ClusterView* view,
                          std::string* failure);

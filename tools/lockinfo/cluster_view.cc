@@ -1,5 +1,6 @@
 #include "tools/lockinfo/cluster_view.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -35,31 +36,13 @@ bool ReadNumber(std::string_view* text, uint64_t* number) {
   return digits > 0;
 }
 
-bool DecodeClasses(std::string_view text, std::vector<int>* classes) {
-  while (!text.empty()) {
-    uint64_t index = 0;
-    if (!ReadNumber(&text, &index) || index >= kShareModes) return false;
-    classes->push_back(static_cast<int>(index));
-    if (!text.empty() && (text[0] != ',' || text.size() == 1)) return false;
-    if (!text.empty()) text.remove_prefix(1);
-  }
-  return true;
-}
-
-bool DecodeRanges(std::string_view text, std::vector<ClusterRange>* ranges) {
-  while (!text.empty()) {
-    ClusterRange range;
-    if (!ReadNumber(&text, &range.offset) || text.empty() || text[0] != '+') return false;
-    text.remove_prefix(1);
-    if (!ReadNumber(&text, &range.length) || text.empty() || (text[0] != 'x' && text[0] != 's'))
-      return false;
-    range.exclusive = text[0] == 'x';
-    text.remove_prefix(1);
-    ranges->push_back(range);
-    if (!text.empty() && (text[0] != ',' || text.size() == 1)) return false;
-    if (!text.empty()) text.remove_prefix(1);
-  }
-  return true;
+// "OFFSET:LENGTH:x" (exclusive) or "...:s" (shared).
+bool DecodeRange(std::string_view word, ClusterRange* range) {
+  if (!ReadNumber(&word, &range->offset) || word.empty() || word[0] != ':') return false;
+  word.remove_prefix(1);
+  if (!ReadNumber(&word, &range->length) || word.size() != 2 || word[0] != ':') return false;
+  range->exclusive = word[1] == 'x';
+  return word[1] == 'x' || word[1] == 's';
 }
 
 // "hhhhhhhh:llllllll", eight lower-case hex digits each.
@@ -128,14 +111,26 @@ bool DecodeSummary(const std::string& value, ClusterHolding* holding) {
   std::string_view text = value;
   holding->classes.clear();
   holding->ranges.clear();
+  const size_t end = std::min(text.find(' '), text.size());
+  if (end == 0 || end > 4) return false;
+  uint32_t classes = 0;
+  for (const char c : text.substr(0, end)) {
+    const int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    if (digit < 0) return false;
+    classes = classes << 4 | static_cast<uint32_t>(digit);
+  }
+  if (classes >> kShareModes != 0) return false;
+  for (int index = 0; index < kShareModes; ++index) {
+    if ((classes >> index & 1) != 0) holding->classes.push_back(index);
+  }
+  text.remove_prefix(end);
   while (!text.empty()) {
-    const size_t end = text.find(' ');
-    const std::string_view word = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    bool good = false;
-    if (word.substr(0, 8) == "classes=") good = DecodeClasses(word.substr(8), &holding->classes);
-    if (word.substr(0, 7) == "ranges=") good = DecodeRanges(word.substr(7), &holding->ranges);
-    if (!good) return false;
+    text.remove_prefix(1);  // the blank before each range
+    const size_t blank = std::min(text.find(' '), text.size());
+    ClusterRange range;
+    if (!DecodeRange(text.substr(0, blank), &range)) return false;
+    holding->ranges.push_back(range);
+    text.remove_prefix(blank);
   }
   return true;
 }

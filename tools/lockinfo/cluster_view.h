@@ -53,8 +53,10 @@ std::string ClusterPrefix(const std::string& cluster);
 // Keys of another shape are passed over.
 ClusterView ReadClusterView(const std::string& cluster, const cluster::RangeResult& read);
 
-// Reads a summary value: "classes=I,I... ranges=OFFSET+LENGTH{x|s},..." with
-// either part optional. False when it is not of that form.
+// Reads a summary value: the share classes as a bit set in up to four hex
+// digits (bit i for share index i), then per byte range a blank and
+// "OFFSET:LENGTH:x" (exclusive) or "OFFSET:LENGTH:s" (shared), in the node's
+// grant order. False when it is not of that form.
 bool DecodeSummary(const std::string& value, ClusterHolding* holding);
 
 // The view as text: the nodes with their lease time left and registration,

@@ -292,6 +292,9 @@ int Watch(const Options& options, const std::function<int()>& show) {
 
 // lockinfo --cluster: reads the setting file, then the cluster's keys.
 int RunForCluster(const Options& options) {
+  if (!ClusterSupported()) {
+    return UsageError("this lockinfo was built without the cluster store (libcurl, nlohmann-json)");
+  }
   cluster::ClusterConfig config;
   std::string error;
   if (!cluster::ReadClusterConfig(options.cluster, &config, &error)) {

@@ -202,7 +202,7 @@ std::string ClusterJson(const ClusterView& view) {
     out += std::string(i > 0 ? "," : "") + "\n    {\"name\": ";
     AppendQuoted(&out, node.name);
     char lease[24];  // in hex, as etcdctl writes lease ids
-    snprintf(lease, sizeof lease, "%llx", static_cast<unsigned long long>(node.lease));
+    snprintf(lease, sizeof lease, "%016llx", static_cast<unsigned long long>(node.lease));
     out += ", \"lease\": \"" + std::string(lease) +
            "\", \"lease_left\": " + std::to_string(node.lease_left_s) + ", \"registration\": ";
     AppendQuoted(&out, node.registration);

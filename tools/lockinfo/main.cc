@@ -81,6 +81,15 @@ volatile sig_atomic_t stop_requested = 0;
 
 void RequestStop(int) { stop_requested = 1; }
 
+// SIGINT and SIGTERM set stop_requested; without SA_RESTART the waits end at
+// once.
+void CatchStopSignals() {
+  struct sigaction action = {};
+  action.sa_handler = RequestStop;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
 int UsageError(const std::string& message) {
   fprintf(stderr, "lockinfo: %s\n%s", message.c_str(), kUsage);
   return kUsageError;
@@ -277,10 +286,7 @@ int ShowCluster(const Options& options, const cluster::ClusterConfig& config) {
 // Shows the report every options.watch_ms until SIGINT or SIGTERM, each round
 // on a cleared screen when standard output is a terminal; exits 0.
 int Watch(const Options& options, const std::function<int()>& show) {
-  struct sigaction action = {};
-  action.sa_handler = RequestStop;  // no SA_RESTART: the waits end at once
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  CatchStopSignals();
   const bool terminal = isatty(STDOUT_FILENO);
   while (stop_requested == 0) {
     if (terminal) fputs("\033[H\033[2J", stdout);
@@ -302,10 +308,7 @@ int RunForCluster(const Options& options) {
     return kUsageError;
   }
   // Interrupted, a fetch ends at once rather than after its time-out.
-  struct sigaction action = {};
-  action.sa_handler = RequestStop;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  CatchStopSignals();
   if (options.watch_ms > 0) return Watch(options, [&] { return ShowCluster(options, config); });
   return ShowCluster(options, config);
 }

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "daemon/cluster_mode.h"
 #include "daemon/event_log.h"
 #include "daemon/signals.h"
 #include "foundation/failure.h"
@@ -71,6 +72,10 @@ int EventLoop::Run() {
   Enter();
   while (!StopDue()) {
     readable_.CopyFrom(watched_);  // the wait overwrites its set: copy it every pass
+    if (part_ != nullptr) {
+      ServeWithPart();
+      continue;
+    }
     const int ready = WaitForInput();
     if (ready == 0) RunSweep();
     if (ready > 0 && readable_.Test(tcp_->Fd())) HandleStatusConnection();
@@ -246,6 +251,32 @@ void EventLoop::HandleDatagram() {
   }
   if (length != 0) daemon_->Dispatch(sender, buffer, length);
   free(buffer);
+}
+
+// The sweep is due by the clock here, since the part's time-outs also end
+// waits that find nothing.
+void EventLoop::ServeWithPart() {
+  fd_set readable, writable;
+  FD_ZERO(&readable);
+  FD_ZERO(&writable);
+  FD_SET(udp_->Fd(), &readable);
+  FD_SET(tcp_->Fd(), &readable);
+  int max_fd = udp_->Fd() > tcp_->Fd() ? udp_->Fd() : tcp_->Fd();
+  part_->AddDescriptors(&readable, &writable, &max_fd);
+  const timeval until_check = TimeUntil(TimeStamp::Now(), next_check_);
+  long wait_ms = static_cast<long>(until_check.tv_sec) * 1000 + until_check.tv_usec / 1000;
+  const long part_ms = part_->TimeoutMs();
+  if (part_ms >= 0 && part_ms < wait_ms) wait_ms = part_ms;
+  const timespec wait = {wait_ms / 1000, (wait_ms % 1000) * 1000000};
+  const int ready = pselect(max_fd + 1, &readable, &writable, nullptr, &wait, WaitMask());
+  if (ready < 0 && errno != EINTR) WaitFailed(errno, until_check);
+  part_->CheckDeadline();
+  part_->Perform();
+  const timeval left = TimeUntil(TimeStamp::Now(), next_check_);
+  if (left.tv_sec == 0 && left.tv_usec == 0) RunSweep();
+  if (ready > 0 && FD_ISSET(tcp_->Fd(), &readable)) HandleStatusConnection();
+  if (ready > 0 && FD_ISSET(udp_->Fd(), &readable)) HandleDatagram();
+  ReturnMemoryWhenQuiet();
 }
 
 // The wait lets the stop signals in, as the main wait does; any input or

@@ -14,6 +14,7 @@
 namespace klv {
 
 class LockManagerDaemon;
+class LoopPart;
 
 // The daemon's running life: waits on the UDP and the listening TCP socket,
 // hands each datagram to the daemon's dispatcher, answers each status
@@ -33,6 +34,9 @@ class EventLoop {
   // signal; then writes the stop event, closes the logs and returns 0, the
   // daemon's exit status.
   int Run();
+  // Waits for `part` too (the cluster's store), which the caller keeps
+  // alive; without one the loop is the standalone daemon's.
+  void SetPart(LoopPart* part) { part_ = part; }
 
  private:
   void Enter();
@@ -58,6 +62,9 @@ class EventLoop {
   // ends the process.
   [[noreturn]] void WriteReportAndExit(Socket* connection, pid_t daemon_pid);
   void HandleDatagram();
+  // One pass of the loop with a part: the wait covers the part's
+  // descriptors and time-out, and the part moves on before any request.
+  void ServeWithPart();
   // Lets the daemon hand freed memory back once no input has come for a
   // moment after a large release.
   void ReturnMemoryWhenQuiet();
@@ -66,6 +73,7 @@ class EventLoop {
   void ReadFailed();
 
   LockManagerDaemon* daemon_;
+  LoopPart* part_ = nullptr;
   Socket* udp_;
   Socket* tcp_;
   UdpReplySink replies_;

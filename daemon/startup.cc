@@ -7,7 +7,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <string>
 
+#include "daemon/cluster_mode.h"
 #include "daemon/event_log.h"
 #include "daemon/event_loop.h"
 #include "daemon/signals.h"
@@ -74,6 +77,15 @@ bool LogDirectoryExists(const char* logdir) {
   return false;
 }
 
+// The cluster setting is bad, or the node could not register: the daemon
+// never falls back to standalone.
+int ClusterStartFailed(const std::string& why) {
+  TextBuilder message;
+  message << kWillNotStart << why.c_str() << "\n";
+  ReportStartFailure(message);
+  return kCannotStart;
+}
+
 // Reports the last failure of `socket` after `text` and answers `status`.
 int SocketFailed(const char* text, const Socket& socket, int status) {
   TextBuilder message;
@@ -137,12 +149,16 @@ void RaiseSocketBuffers(Socket* udp) {
 // Runs in the daemon process: the daemon object lives on this stack for the
 // life of the process, and its address is where the fatal-signal handler
 // finds the error log.
-int RunDaemon(const char* logdir, Socket* udp, Socket* tcp) {
+int RunDaemon(const char* logdir, Socket* udp, Socket* tcp, ClusterMode* cluster) {
   LockManagerDaemon daemon{RefString(logdir)};
   daemon.Log().SetFatalErrorHandler(&EndDaemonAfterFatalError);
   RegisterDaemon(&daemon);
   RaiseSocketBuffers(udp);
   EventLoop loop(&daemon, udp, tcp);
+  if (cluster != nullptr) {
+    cluster->Attach(&daemon);
+    loop.SetPart(cluster);
+  }
   const int status = loop.Run();
   RegisterDaemon(nullptr);
   return status;
@@ -174,13 +190,26 @@ void OpenClosedStandardDescriptors() {
 // the daemon times out, so it is neither converted nor checked.
 int StartDaemon(const char* logdir) {
   if (!LogDirectoryExists(logdir)) return kCannotStart;
+  std::string setting_error;
+  std::unique_ptr<ClusterMode> cluster = ClusterMode::FromEnvironment(&setting_error);
+  if (!setting_error.empty()) return ClusterStartFailed(setting_error);
   Socket udp;
   Socket tcp;
   Ports ports;
   const int status = OpenSockets(&udp, &tcp, &ports);
   if (status != kStarted) return status;
 
+  // In cluster mode the status line waits for the node's registration.
+  int registered[2] = {-1, -1};
+  if (cluster != nullptr && pipe(registered) != 0) return ClusterStartFailed("no pipe");
   const pid_t child = fork();
+  if (child > 0 && cluster != nullptr) {
+    close(registered[1]);
+    char byte = 0;
+    const bool started = read(registered[0], &byte, 1) == 1;
+    close(registered[0]);
+    if (!started) return kCannotStart;  // the child said why
+  }
   if (child > 0) {
     printf(kStatusLine, ports.udp, static_cast<int>(child), ports.tcp);
     fflush(stdout);
@@ -188,9 +217,16 @@ int StartDaemon(const char* logdir) {
     tcp.Close();
     return kStarted;
   }
+  if (cluster != nullptr) {
+    close(registered[0]);
+    std::string error;
+    if (!cluster->Register(&error)) exit(ClusterStartFailed(error));
+    (void)!write(registered[1], "1", 1);
+    close(registered[1]);
+  }
   setsid();
   DetachStandardInputAndOutput();
-  return RunDaemon(logdir, &udp, &tcp);
+  return RunDaemon(logdir, &udp, &tcp, cluster.get());
 }
 
 }  // namespace

@@ -109,7 +109,11 @@ ClientEntry* LockManagerDaemon::SendProbesUntilOneIsDead(uint32_t m,
 void LockManagerDaemon::ReleaseDeadClient(ClientEntry* client) {
   WriteDeadClientNotice(*client);
   const ClientKey key = client->Key();
-  EndClient(key);
+  if (cluster_ != nullptr) {
+    EndClientClustered(key, nullptr);
+  } else {
+    EndClient(key);
+  }
   clients_.Remove(key);
   delete client;
 }

@@ -32,6 +32,7 @@ LockManagerDaemon::~LockManagerDaemon() {
 void LockManagerDaemon::Dispatch(const SocketAddress& sender, const unsigned char* data,
                                  size_t size) {
   if (size == 0) return;
+  if (cluster_ != nullptr && DispatchClustered(sender, data, size)) return;
   LockRequest request;
   // A string without its NUL reads as empty; the request is handled anyway.
   request.Decode(data, size);

@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <functional>
+#include <memory>
+#include <unordered_map>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -16,6 +19,7 @@
 #include "foundation/ref_string.h"
 #include "foundation/socket.h"
 #include "lockservice/client_table.h"
+#include "lockservice/cluster_seam.h"
 #include "lockservice/file_entry.h"
 #include "lockservice/holder_table.h"
 #include "lockservice/lock_request.h"
@@ -46,6 +50,12 @@ class LockManagerDaemon {
   // random draws (whom to probe, where the purge of idle files starts).
   void SetRandomSourceForTesting(std::function<uint32_t()> random) { random_ = std::move(random); }
   uint32_t CheckPeriod() const { return check_period_; }
+  // Cluster mode: every request that touches a file is decided through
+  // `cluster`, which the caller keeps alive. Set before the first Dispatch;
+  // without it the daemon runs standalone.
+  void SetCluster(ClusterSeam* cluster);
+  // The node has lost the cluster: every held request is refused.
+  void RefuseHeldRequests();
 
   // Handles one datagram of `size` bytes from `sender`: decodes the request,
   // runs its handler and sends the reply when it is due now. Any bytes are
@@ -138,6 +148,24 @@ class LockManagerDaemon {
   // table_check.cc
   RefString CheckHolders() const;
 
+  // clustered.cc
+  struct HeldRequest;
+  // Takes a request of cluster mode: false for the codes that need no
+  // cluster, which Dispatch handles as standalone.
+  bool DispatchClustered(const SocketAddress& sender, const unsigned char* data, size_t size);
+  // Decides the requests at the head of the file's queue, up to the first
+  // that waits for the store.
+  void RunQueue(const FileKey& key);
+  bool DecideHeld(const std::shared_ptr<HeldRequest>& held);
+  bool DecideOpen(const LockRequest& request, const std::shared_ptr<HeldRequest>& held);
+  bool DecideLock(const LockRequest& request, const std::shared_ptr<HeldRequest>& held);
+  void DeferExpired(const std::shared_ptr<HeldRequest>& held);
+  void Answer(HeldRequest* held);
+  // EndClient, then the files it touched written to the store; `synced`
+  // runs once they are.
+  void EndClientClustered(const ClientKey& key, std::function<void()> synced);
+  FileHoldings HoldingsOf(const FileKey& key) const;
+
   EventLog log_;
   ReplySink* sink_ = nullptr;
   uint32_t check_period_ = kCheckPeriodSeconds;
@@ -149,6 +177,9 @@ class LockManagerDaemon {
   uint32_t sweep_tick_ = 1;
   uint32_t last_wait_id_ = 0;    // wait ids start at 1
   uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks
+  ClusterSeam* cluster_ = nullptr;  // cluster mode only
+  // Cluster mode: the requests held per file, in arrival order.
+  std::unordered_map<uint64_t, std::deque<std::shared_ptr<HeldRequest>>> held_;
 };
 
 }  // namespace klv

@@ -5,19 +5,6 @@
 
 namespace klv {
 
-namespace {
-
-// True when `candidate` agrees with every open of the file, checked in list
-// order; the requester's own opens are checked like any other.
-bool AgreesWithOpens(const FileEntry& file, const OpenLock& candidate) {
-  for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {
-    if (!ShareModesAgree(candidate, file.opens[slot])) return false;
-  }
-  return true;
-}
-
-}  // namespace
-
 FileEntry* LockManagerDaemon::FindOrAddFile(const FileKey& key) {
   FileEntry* file = files_.Find(key);
   if (file == nullptr) {

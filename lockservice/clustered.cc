@@ -1,0 +1,276 @@
+// Cluster mode: the requests that touch a file are held in one queue per
+// file and decided in arrival order; a decision that needs the other nodes
+// waits for the store while other files' requests are served. Standalone the
+// daemon has no cluster and none of this runs.
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "lockservice/lock_manager_daemon.h"
+#include "lockservice/serial_ids.h"
+#include "lockservice/share_modes.h"
+
+namespace klv {
+
+namespace {
+
+uint64_t QueueKey(const FileKey& file) { return (uint64_t{file.hi} << 32) | file.lo; }
+
+}  // namespace
+
+// A request held for its file's queue: its bytes (decoded again when it is
+// decided), the reply it is owed, and where it stands.
+struct LockManagerDaemon::HeldRequest {
+  explicit HeldRequest(const OwedReply& reply) : owed(reply) {}
+  std::string bytes;
+  OwedReply owed;
+  ClientKey client;
+  FileKey file;
+  bool decided = false;   // taken from the queue and decided, or sent to the store
+  bool finished = false;  // answered (or dropped): nothing more happens to it
+};
+
+void LockManagerDaemon::SetCluster(ClusterSeam* cluster) {
+  cluster_ = cluster;
+  cluster_->SetHoldingsSource([this](const FileKey& key) { return HoldingsOf(key); });
+}
+
+FileHoldings LockManagerDaemon::HoldingsOf(const FileKey& key) const {
+  FileHoldings holdings;
+  const FileEntry* file = files_.Find(key);
+  if (file == nullptr) return holdings;
+  for (uint32_t slot = 0; slot < file->opens.Count(); ++slot) {
+    holdings.classes |= 1u << ShareIndex(file->opens[slot].openmode);
+  }
+  file->ranges.ForEach([&holdings](const RecordLock& lock) {
+    holdings.ranges.push_back({lock.offset, lock.length, lock.shared != 0});
+  });
+  return holdings;
+}
+
+bool LockManagerDaemon::DispatchClustered(const SocketAddress& sender, const unsigned char* data,
+                                          size_t size) {
+  LockRequest request;
+  request.Decode(data, size);
+  const uint32_t code = request.Code();
+  auto held = std::make_shared<HeldRequest>(OwedReply{sender, LockReply(code, request.Tag())});
+  held->client = ClientKey::Of(sender, request.Session());
+  if (code == REQ_CLIENT_END) {
+    EndClientClustered(held->client, [this, held] { Answer(held.get()); });
+  } else if (code == REQ_OPEN || code == REQ_CLOSE || code == REQ_LOCK || code == REQ_UNLOCK ||
+             code == REQ_OPLOCK_RELEASE) {
+    held->bytes.assign(reinterpret_cast<const char*>(data), size);
+    held->file = FileKey{request.FilekeyHi(), request.FilekeyLo()};
+    std::deque<std::shared_ptr<HeldRequest>>& queue = held_[QueueKey(held->file)];
+    queue.push_back(held);
+    if (queue.size() == 1) RunQueue(held->file);
+  } else {
+    return false;
+  }
+  if (!held->finished) cluster_->After(cluster_->DeferMs(), [this, held] { DeferExpired(held); });
+  return true;
+}
+
+void LockManagerDaemon::Answer(HeldRequest* held) {
+  if (held->finished) return;
+  held->finished = true;
+  SendOwedReply(&held->owed);
+}
+
+void LockManagerDaemon::RunQueue(const FileKey& key) {
+  const auto found = held_.find(QueueKey(key));
+  if (found == held_.end()) return;
+  std::deque<std::shared_ptr<HeldRequest>>& queue = found->second;
+  while (!queue.empty()) {
+    HeldRequest* front = queue.front().get();
+    if (!front->finished) {
+      if (front->decided) return;  // the store has it
+      front->decided = true;
+      if (DecideHeld(queue.front())) return;
+    }
+    queue.pop_front();
+  }
+  held_.erase(found);
+}
+
+// True when the request went to the store; otherwise it is answered.
+bool LockManagerDaemon::DecideHeld(const std::shared_ptr<HeldRequest>& held) {
+  LockRequest request;
+  request.Decode(reinterpret_cast<const unsigned char*>(held->bytes.data()), held->bytes.size());
+  OwedReply* owed = &held->owed;
+  ReplyDue due = ReplyDue::kNow;
+  switch (request.Code()) {
+    case REQ_OPEN:
+      return DecideOpen(request, held);
+    case REQ_LOCK:
+      return DecideLock(request, held);
+    case REQ_CLOSE:
+      due = HandleClose(request, owed);
+      break;
+    case REQ_UNLOCK:
+      due = HandleUnlock(request, owed);
+      break;
+    default:
+      due = HandleOplockRelease(request, owed);
+      break;
+  }
+  // A release is answered once the store has it, so that another node may
+  // count on it from the reply on.
+  if (due == ReplyDue::kNow && !cluster_->Holds(held->file, HoldingsOf(held->file))) {
+    cluster_->Publish(held->file, {}, [this, held](ClusterSeam::Verdict) {
+      Answer(held.get());
+      RunQueue(held->file);
+    });
+    return true;
+  }
+  if (due == ReplyDue::kNow) SendOwedReply(owed);
+  held->finished = true;
+  return false;
+}
+
+bool LockManagerDaemon::DecideOpen(const LockRequest& request,
+                                   const std::shared_ptr<HeldRequest>& held) {
+  LockReply* reply = &held->owed.reply;
+  RegisterClient(held->client, request.ClientName());
+  FileEntry* file = FindOrAddFile(held->file);
+  const OpenLock candidate{held->client, request.OpenMode(), request.Clientfid()};
+  reply->SetOplockGranted(0);  // no oplocks in cluster mode
+  if (request.WaitId() != 0) WithdrawWait(request.WaitId());
+  held->finished = true;
+  if (!AgreesWithOpens(*file, candidate)) {
+    reply->SetStatus(ReplyStatus::kConflict);
+    SendOwedReply(&held->owed);
+    return false;
+  }
+  const int share_class = ShareIndex(candidate.openmode);
+  const RefString path(request.Path());
+  auto grant = [this, held, candidate, path] {
+    FileEntry* granted = FindOrAddFile(held->file);
+    granted->opens.Append(candidate);
+    if (!path.IsEmpty() && !granted->path.Equals(path)) granted->path = path;
+  };
+  if (cluster_->Settled(held->file, share_class)) {
+    grant();
+    SendOwedReply(&held->owed);
+    return false;
+  }
+  held->finished = false;
+  cluster_->Publish(held->file, {1u << share_class, {}},
+                    [this, held, grant](ClusterSeam::Verdict verdict) {
+                      if (held->finished) return;
+                      if (verdict == ClusterSeam::Verdict::kGranted) {
+                        grant();
+                      } else {
+                        held->owed.reply.SetStatus(ReplyStatus::kConflict);
+                      }
+                      Answer(held.get());
+                      RunQueue(held->file);
+                    });
+  return true;
+}
+
+bool LockManagerDaemon::DecideLock(const LockRequest& request,
+                                   const std::shared_ptr<HeldRequest>& held) {
+  FileEntry* file = FindOrAddFile(held->file);
+  const RecordLock candidate{.offset = request.Offset(),
+                             .length = request.Length(),
+                             .clientfid = request.Clientfid(),
+                             .shared = request.LockType() & kLockSharedBit};
+  if (request.LockType() == kLockTypeUnimplemented) {
+    TextBuilder message;
+    message << "A call was made to an unimplemented function.\n"
+               "A lock transaction has failed.Check the installation is not corrupted";
+    log_.Error("locking/api/notimplemented", message, Severity::kRecoverable);
+  }
+  if (file->ranges.Conflicts(candidate)) {
+    held->owed.reply.SetStatus(ReplyStatus::kConflict);
+    Answer(held.get());
+    return false;
+  }
+  const HeldRange wanted{candidate.offset, candidate.length, candidate.shared != 0};
+  cluster_->Publish(held->file, {0, {wanted}}, [this, held, candidate](ClusterSeam::Verdict verdict) {
+    if (held->finished) return;
+    FileEntry* granted = FindOrAddFile(held->file);
+    if (verdict == ClusterSeam::Verdict::kGranted && !granted->ranges.Conflicts(candidate)) {
+      RecordLock lock = candidate;
+      lock.holder = holders_.Acquire(held->client);
+      granted->ranges.Append(lock);
+    } else {
+      held->owed.reply.SetStatus(ReplyStatus::kConflict);
+    }
+    Answer(held.get());
+    RunQueue(held->file);
+  });
+  return true;
+}
+
+// A request held past the defer time because the store is slow: an open is
+// told to wait and gets a retry notice once the store answers again; a lock
+// is refused; a release already done here is answered as it was decided.
+void LockManagerDaemon::DeferExpired(const std::shared_ptr<HeldRequest>& held) {
+  if (held->finished) return;
+  LockRequest request;
+  request.Decode(reinterpret_cast<const unsigned char*>(held->bytes.data()), held->bytes.size());
+  if (request.Code() == REQ_OPEN) {
+    const uint32_t wait_id = NextFreeId(
+        &last_wait_id_, [this](uint32_t taken) { return waits_.Find(taken) != nullptr; });
+    held->owed.reply.SetStatus(ReplyStatus::kWait);
+    held->owed.reply.SetValue(wait_id);
+    const ClientKey client = held->client;
+    cluster_->WhenStoreAnswers([this, client, wait_id] {
+      LockReply notice(MSG_OPEN_RETRY, 0);
+      notice.SetValue(wait_id);
+      notice.SetWaiterSession(client.session);
+      sink_->SendAsync(client.Address(), notice.Bytes());
+    });
+  } else if (request.Code() == REQ_LOCK) {
+    held->owed.reply.SetStatus(ReplyStatus::kConflict);
+  } else if (!held->decided && !held->bytes.empty()) {
+    return;  // a release behind an open or a lock that is answered first
+  }
+  Answer(held.get());
+  if (!held->bytes.empty()) RunQueue(held->file);
+}
+
+void LockManagerDaemon::EndClientClustered(const ClientKey& key, std::function<void()> synced) {
+  // The client's requests still queued are dropped: it has ended.
+  for (auto& [file, queue] : held_) {
+    for (const std::shared_ptr<HeldRequest>& held : queue) {
+      if (!held->decided && held->client == key) held->finished = true;
+    }
+  }
+  std::vector<FileKey> touched;
+  const uint32_t holder = holders_.Find(key);
+  for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {
+    const FileEntry& file = *it.Current();
+    bool holds = false;
+    for (uint32_t slot = 0; slot < file.opens.Count() && !holds; ++slot) {
+      holds = file.opens[slot].client == key;
+    }
+    file.ranges.ForEach([&](const RecordLock& lock) { holds = holds || lock.holder == holder; });
+    if (holds) touched.push_back(file.key);
+  }
+  EndClient(key);
+  auto left = std::make_shared<size_t>(1);
+  auto one_done = [left, synced] {
+    if (--*left == 0 && synced) synced();
+  };
+  for (const FileKey& file : touched) {
+    if (cluster_->Holds(file, HoldingsOf(file))) continue;
+    ++*left;
+    cluster_->Publish(file, {}, [one_done](ClusterSeam::Verdict) { one_done(); });
+  }
+  one_done();
+}
+
+void LockManagerDaemon::RefuseHeldRequests() {
+  for (auto& [file, queue] : held_) {
+    for (const std::shared_ptr<HeldRequest>& held : queue) {
+      held->owed.reply.SetStatus(ReplyStatus::kConflict);
+      Answer(held.get());
+    }
+  }
+  held_.clear();
+}
+
+}  // namespace klv

@@ -41,7 +41,7 @@ grep -q "^  node b: _klvlockd_port=[0-9]* ; _klvlockd_pid=" "$KLV_DEMO_DIR/out" 
     "$KLV_BUILD/tools/klvlockctl/klvlockctl" --name alice --session 1 >"$KLV_DEMO_DIR/alice" 2>&1
 ) &
 alice=$!
-for _ in $(seq 50); do grep -q "granted" "$KLV_DEMO_DIR/alice" && break; sleep 0.1; done
+for _ in $(seq 50); do grep -qs "granted" "$KLV_DEMO_DIR/alice" && break; sleep 0.1; done
 grep -qx "open fid=1: granted oplock=0" "$KLV_DEMO_DIR/alice" || { stop_pids "$alice"; fail "no grant on a"; }
 bob=$(
   . "$KLV_DEMO_DIR/b/klvlockd.env"

@@ -212,6 +212,7 @@ measure_death() {
   local start end
   kill -KILL "$d_pid" "$holder"
   start=$(date +%s.%N)
+  wait "$holder" 2>/dev/null || true
   for _ in $(seq 600); do
     if echo "$lock" | "$klvlockctl" "${probe[@]}" >/dev/null 2>&1; then
       end=$(date +%s.%N)

@@ -178,6 +178,7 @@ std::vector<std::unique_ptr<Session>> WorkloadSessions(const Arguments& argument
   std::vector<std::unique_ptr<Session>> sessions;
   for (size_t k = 0; k < ports.size(); ++k) {
     const auto share = static_cast<uint32_t>(clients / ports.size() + (k < clients % ports.size()));
+    if (share == 0) continue;
     const LockPlan plan = {workload, files, 0, first_file + static_cast<uint32_t>(k) * files};
     auto some = MakeLockSessions(ports[k], plan, share);
     if (some.empty()) return {};

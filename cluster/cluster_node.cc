@@ -249,14 +249,32 @@ bool ClusterNode::Conflicts(const FileHoldings& wanted, const FileHoldings& othe
 void ClusterNode::Attempt(const std::shared_ptr<Write>& write) {
   if (fenced_) return;
   const std::string base = FileBase(write->file);
-  store_->Range(base, PrefixEnd(base + "/"), [this, write, base](const StoreResult& result,
-                                                                 const RangeResult& range) {
+  const std::string nodes = prefix_ + "nodes/";
+  // One read of the file's keys and of the registered nodes, at one revision.
+  Transaction read;
+  read.success.push_back(Operation::Get(base, PrefixEnd(base + "/")));
+  read.success.push_back(Operation::Get(nodes, PrefixEnd(nodes)));
+  store_->Commit(read, [this, write, base, nodes](const StoreResult& result,
+                                                  const TransactionResult& outcome) {
     if (!Alive()) return;
-    if (!result.Done()) {
+    if (!result.Done() || outcome.results.size() != 2) {
       Retry(write);
       return;
     }
     StoreAnswered();
+    // A node that the watch still counts but the read lacks has died, even
+    // when the watch has not said so yet.
+    std::set<std::string> registered;
+    for (const KeyValue& kv : outcome.results[1].kvs) registered.insert(kv.key.substr(nodes.size()));
+    for (auto it = nodes_.begin(); it != nodes_.end();) {
+      if (registered.count(*it) != 0 || *it == config_.node) {
+        ++it;
+        continue;
+      }
+      NodeDied(*it);
+      it = nodes_.erase(it);
+    }
+    const RangeResult range{outcome.results[0].kvs, outcome.revision};
     int64_t guard_revision = 0;
     bool conflict = false;
     for (const KeyValue& kv : range.kvs) {

@@ -67,6 +67,8 @@ class ClusterNode : public ClusterSeam {
   // The value of a summary key, and back; false for a value of another form.
   static std::string EncodeHoldings(const FileHoldings& holdings);
   static bool DecodeHoldings(const std::string& value, FileHoldings* holdings);
+  // True when a part of `wanted` conflicts with `other`.
+  static bool Conflicts(const FileHoldings& wanted, const FileHoldings& other);
 
  private:
   struct Write;
@@ -85,8 +87,6 @@ class ClusterNode : public ClusterSeam {
   void Commit(const std::shared_ptr<Write>& write, int64_t guard_revision);
   void Retry(const std::shared_ptr<Write>& write);
   void Finish(const std::shared_ptr<Write>& write, Verdict verdict);
-  // True when a part of `wanted` conflicts with `other`.
-  static bool Conflicts(const FileHoldings& wanted, const FileHoldings& other);
   void SendKeepAlive();
   void StoreAnswered();
   void Fence(const std::string& why);

@@ -201,7 +201,9 @@ int StartDaemon(const char* logdir) {
 
   // In cluster mode the status line waits for the node's registration.
   int registered[2] = {-1, -1};
-  if (cluster != nullptr && pipe(registered) != 0) return ClusterStartFailed("no pipe");
+  if (cluster != nullptr && pipe(registered) != 0) {
+    return ClusterStartFailed("A pipe for the node's registration could not be made.");
+  }
   const pid_t child = fork();
   if (child > 0 && cluster != nullptr) {
     close(registered[1]);

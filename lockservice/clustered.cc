@@ -172,16 +172,7 @@ bool LockManagerDaemon::DecideOpen(const LockRequest& request,
 bool LockManagerDaemon::DecideLock(const LockRequest& request,
                                    const std::shared_ptr<HeldRequest>& held) {
   FileEntry* file = FindOrAddFile(held->file);
-  const RecordLock candidate{.offset = request.Offset(),
-                             .length = request.Length(),
-                             .clientfid = request.Clientfid(),
-                             .shared = request.LockType() & kLockSharedBit};
-  if (request.LockType() == kLockTypeUnimplemented) {
-    TextBuilder message;
-    message << "A call was made to an unimplemented function.\n"
-               "A lock transaction has failed.Check the installation is not corrupted";
-    log_.Error("locking/api/notimplemented", message, Severity::kRecoverable);
-  }
+  const RecordLock candidate = LockCandidate(request);
   if (file->ranges.Conflicts(candidate)) {
     held->owed.reply.SetStatus(ReplyStatus::kConflict);
     Answer(held.get());

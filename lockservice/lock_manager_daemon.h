@@ -56,6 +56,8 @@ class LockManagerDaemon {
   void SetCluster(ClusterSeam* cluster);
   // The node has lost the cluster: every held request is refused.
   void RefuseHeldRequests();
+  // The share classes and byte ranges that the tables hold for the file.
+  FileHoldings HoldingsOf(const FileKey& key) const;
 
   // Handles one datagram of `size` bytes from `sender`: decodes the request,
   // runs its handler and sends the reply when it is due now. Any bytes are
@@ -123,6 +125,11 @@ class LockManagerDaemon {
   // opens.cc
   FileEntry* FindOrAddFile(const FileKey& key);
 
+  // record_locks.cc
+  // The lock that the request asks for, holder not yet set; a lock type
+  // that is not implemented writes its error record.
+  RecordLock LockCandidate(const LockRequest& request);
+
   // oplocks.cc
   // Sends MSG_OPLOCK_BREAK to the holder of every oplock of the file and
   // makes `requester` wait for them all: true, with the new wait id in
@@ -164,7 +171,6 @@ class LockManagerDaemon {
   // EndClient, then the files it touched written to the store; `synced`
   // runs once they are.
   void EndClientClustered(const ClientKey& key, std::function<void()> synced);
-  FileHoldings HoldingsOf(const FileKey& key) const;
 
   EventLog log_;
   ReplySink* sink_ = nullptr;

@@ -4,19 +4,23 @@
 
 namespace klv {
 
-ReplyDue LockManagerDaemon::HandleLock(const LockRequest& request, OwedReply* owed) {
-  // A lock may come before any open of the file.
-  FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
-  RecordLock candidate{.offset = request.Offset(),
-                       .length = request.Length(),
-                       .clientfid = request.Clientfid(),
-                       .shared = request.LockType() & kLockSharedBit};
+RecordLock LockManagerDaemon::LockCandidate(const LockRequest& request) {
   if (request.LockType() == kLockTypeUnimplemented) {
     TextBuilder message;
     message << "A call was made to an unimplemented function.\n"
                "A lock transaction has failed.Check the installation is not corrupted";
     log_.Error("locking/api/notimplemented", message, Severity::kRecoverable);
   }
+  return {.offset = request.Offset(),
+          .length = request.Length(),
+          .clientfid = request.Clientfid(),
+          .shared = request.LockType() & kLockSharedBit};
+}
+
+ReplyDue LockManagerDaemon::HandleLock(const LockRequest& request, OwedReply* owed) {
+  // A lock may come before any open of the file.
+  FileEntry* file = FindOrAddFile(FileKey{request.FilekeyHi(), request.FilekeyLo()});
+  RecordLock candidate = LockCandidate(request);
   if (file->ranges.Conflicts(candidate)) {
     owed->reply.SetStatus(ReplyStatus::kConflict);
     return ReplyDue::kNow;

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Three daemons on one etcd (with_etcd.sh runs this script): start failures,
-# a share conflict and a range conflict across nodes, and a killed node whose
-# holdings block the others until its lease and the fence delay have passed.
+# a share conflict and a range conflict across nodes, a killed node whose
+# holdings block the others until its lease and the fence delay have passed,
+# and a node stopped past its lease that fences itself once continued (its
+# exit status, 20, is checked by fencing_test, which can wait for it).
 # Usage: with_etcd.sh cluster_test.sh KLVLOCKD KLVLOCKCTL
 set -u
 klvlockd=$1
@@ -118,4 +120,15 @@ grep -q "^open fid=$((10 + try)): granted" "$dir/b.out" || fail "the killed node
 echo "lock fid=7 file=3:3 offset=0 length=1" >&3
 expect "$dir/a.out" "lock fid=7: granted"
 echo "released ${released} ms after the kill"
+
+# A node stopped past its lease decides nothing once continued: it fences.
+kill -STOP "$pid_a"
+echo "open fid=30 file=4:4 access=read deny=none" >&3
+sleep 3
+kill -CONT "$pid_a"
+for _ in $(seq 50); do kill -0 "$pid_a" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$pid_a" 2>/dev/null && fail "the stopped node still runs"
+grep -qF "locking/cluster/fenced" "$dir/a/errlock.log" || fail "no fenced record"
+answer "$dir/a.out" "open fid=30: "
+grep -q "^open fid=30: granted" "$dir/a.out" && fail "the fenced node granted an open"
 echo PASS

@@ -13,7 +13,8 @@
 set -eu
 build_packages="g++ cmake make"
 cluster_packages="etcd-server etcd-client libcurl4-openssl-dev nlohmann-json3-dev"
-package_packages="$build_packages dpkg-dev debhelper lintian adduser bash-completion"
+package_packages="$build_packages libcurl4-openssl-dev nlohmann-json3-dev dpkg-dev debhelper lintian adduser
+  bash-completion"
 test_packages="$build_packages libgtest-dev groff-base pkg-config $cluster_packages $package_packages"
 fuzz_packages="clang libclang-rt-14-dev"
 case ${1:-} in

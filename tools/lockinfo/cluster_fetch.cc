@@ -1,8 +1,5 @@
 #include "tools/lockinfo/cluster_fetch.h"
 
-#include <sys/select.h>
-
-#include <algorithm>
 #include <string>
 
 #include "cluster/etcd_store.h"
@@ -11,27 +8,13 @@ namespace klv {
 
 namespace {
 
-// One pass of the select loop that drives the store, waiting at most 100 ms
-// so that a stop signal is seen soon.
-void RunOnce(cluster::Store* store) {
-  fd_set readable, writable;
-  FD_ZERO(&readable);
-  FD_ZERO(&writable);
-  int max_fd = -1;
-  store->AddDescriptors(&readable, &writable, &max_fd);
-  const long store_ms = store->TimeoutMs();
-  const long wait_ms = store_ms < 0 ? 100 : std::min(store_ms, 100L);
-  timeval timeout = {wait_ms / 1000, (wait_ms % 1000) * 1000};
-  select(max_fd + 1, &readable, &writable, nullptr, &timeout);
-  store->Perform();
-}
-
 // Runs the loop until no call is in flight or a stop is requested; false on
 // a stop. The store's own time-outs end every call.
 bool RunUntilIdle(cluster::EtcdStore* store, const volatile sig_atomic_t* stop) {
   while (store->CallsInFlight() > 0) {
     if (*stop != 0) return false;
-    RunOnce(store);
+    // At most 100 ms, so that a stop signal is seen soon.
+    cluster::RunStoreOnce(store, 100);
   }
   return true;
 }

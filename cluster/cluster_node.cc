@@ -123,35 +123,35 @@ void ClusterNode::Register(std::function<void(const std::string& error)> done) {
 // A fresh read of every key of the cluster, then the watch from the revision
 // after it. Nodes that were known and are gone from the read have died.
 void ClusterNode::ReadAndWatch(std::function<void(const std::string& error)> done) {
-  store_->Range(prefix_, PrefixEnd(prefix_), [this, done](const StoreResult& result,
-                                                          const RangeResult& range) {
-    if (!Alive()) return;
-    if (!result.Done()) {
-      if (done) {
-        done("etcd did not answer a read: " + Describe(result));
-      } else {
-        After(kRetryMs, [this] { ReadAndWatch(nullptr); });
-      }
-      return;
-    }
-    std::set<std::string> nodes;
-    for (const KeyValue& kv : range.kvs) {
-      if (kv.key.starts_with(prefix_ + "nodes/")) nodes.insert(kv.key.substr(prefix_.size() + 6));
-    }
-    for (const std::string& node : nodes_) {
-      if (nodes.count(node) == 0) NodeDied(node);
-    }
-    nodes_ = std::move(nodes);
-    summaries_.clear();
-    for (const KeyValue& kv : range.kvs) {
-      const std::string node = SummaryNode(kv.key);
-      if (!node.empty() && node != config_.node) summaries_[kv.key] = kv.value;
-    }
-    store_->Watch(prefix_, range.revision + 1, [this](const WatchReport& report) {
-      OnWatch(report);
-    });
-    if (done) done("");
-  });
+  store_->Range(prefix_, PrefixEnd(prefix_),
+                [this, done](const StoreResult& result, const RangeResult& range) {
+                  if (!Alive()) return;
+                  if (!result.Done()) {
+                    if (done) {
+                      done("etcd did not answer a read: " + Describe(result));
+                    } else {
+                      After(kRetryMs, [this] { ReadAndWatch(nullptr); });
+                    }
+                    return;
+                  }
+                  std::set<std::string> nodes;
+                  for (const KeyValue& kv : range.kvs) {
+                    if (kv.key.starts_with(prefix_ + "nodes/"))
+                      nodes.insert(kv.key.substr(prefix_.size() + 6));
+                  }
+                  for (const std::string& node : nodes_) {
+                    if (nodes.count(node) == 0) NodeDied(node);
+                  }
+                  nodes_ = std::move(nodes);
+                  summaries_.clear();
+                  for (const KeyValue& kv : range.kvs) {
+                    const std::string node = SummaryNode(kv.key);
+                    if (!node.empty() && node != config_.node) summaries_[kv.key] = kv.value;
+                  }
+                  store_->Watch(prefix_, range.revision + 1,
+                                [this](const WatchReport& report) { OnWatch(report); });
+                  if (done) done("");
+                });
 }
 
 void ClusterNode::OnWatch(const WatchReport& report) {
@@ -234,7 +234,8 @@ bool ClusterNode::Conflicts(const FileHoldings& wanted, const FileHoldings& othe
   for (const HeldRange& mine : wanted.ranges) {
     const RecordLock candidate{.offset = mine.offset, .length = mine.length, .shared = mine.shared};
     for (const HeldRange& theirs : other.ranges) {
-      const RecordLock held{.offset = theirs.offset, .length = theirs.length, .shared = theirs.shared};
+      const RecordLock held{
+          .offset = theirs.offset, .length = theirs.length, .shared = theirs.shared};
       if (RangesConflict(candidate, held)) return true;
     }
   }
@@ -265,7 +266,8 @@ void ClusterNode::Attempt(const std::shared_ptr<Write>& write) {
     // A node that the watch still counts but the read lacks has died, even
     // when the watch has not said so yet.
     std::set<std::string> registered;
-    for (const KeyValue& kv : outcome.results[1].kvs) registered.insert(kv.key.substr(nodes.size()));
+    for (const KeyValue& kv : outcome.results[1].kvs)
+      registered.insert(kv.key.substr(nodes.size()));
     for (auto it = nodes_.begin(); it != nodes_.end();) {
       if (registered.count(*it) != 0 || *it == config_.node) {
         ++it;
@@ -316,27 +318,27 @@ void ClusterNode::Commit(const std::shared_ptr<Write>& write, int64_t guard_revi
   txn.success.push_back(mine.Empty() ? Operation::Delete(summary)
                                      : Operation::Put(summary, EncodeHoldings(mine), lease_));
   txn.failure.push_back(Operation::Get(node_key_));
-  store_->Commit(txn, [this, write, mine](const StoreResult& result,
-                                          const TransactionResult& outcome) {
-    if (!Alive()) return;
-    if (!result.Done()) {
-      Retry(write);  // a lost write may have been applied: the next read tells
-      return;
-    }
-    StoreAnswered();
-    if (!outcome.succeeded) {
-      const bool registered = !outcome.results.empty() && !outcome.results[0].kvs.empty() &&
-                              outcome.results[0].kvs[0].create_revision == registration_;
-      if (!registered) {
-        Fence("its registration is gone from the store");
-        return;
-      }
-      Attempt(write);  // another write came between the read and this one
-      return;
-    }
-    files_[FileIndex(write->file)].published = mine;
-    Finish(write, Verdict::kGranted);
-  });
+  store_->Commit(
+      txn, [this, write, mine](const StoreResult& result, const TransactionResult& outcome) {
+        if (!Alive()) return;
+        if (!result.Done()) {
+          Retry(write);  // a lost write may have been applied: the next read tells
+          return;
+        }
+        StoreAnswered();
+        if (!outcome.succeeded) {
+          const bool registered = !outcome.results.empty() && !outcome.results[0].kvs.empty() &&
+                                  outcome.results[0].kvs[0].create_revision == registration_;
+          if (!registered) {
+            Fence("its registration is gone from the store");
+            return;
+          }
+          Attempt(write);  // another write came between the read and this one
+          return;
+        }
+        files_[FileIndex(write->file)].published = mine;
+        Finish(write, Verdict::kGranted);
+      });
 }
 
 void ClusterNode::Retry(const std::shared_ptr<Write>& write) {

@@ -114,8 +114,8 @@ class ClusterNode : public ClusterSeam {
   std::unordered_map<uint64_t, FileState> files_;
   std::multimap<int64_t, std::function<void()>> timers_;
   std::vector<std::function<void()>> on_answer_;
-  std::map<std::string, std::string> summaries_;  // other nodes' summary keys, as watched
-  std::set<std::string> nodes_;                   // registered nodes, as watched
+  std::map<std::string, std::string> summaries_;           // other nodes' summary keys, as watched
+  std::set<std::string> nodes_;                            // registered nodes, as watched
   std::map<std::string, std::vector<DeadHoldings>> dead_;  // by file base key
 };
 

@@ -117,11 +117,13 @@ void FuzzCluster(const Senders& senders, const uint8_t* data, size_t size) {
     at += 3;
     if (length > size - at) length = size - at;
     ClusterDaemon& one = daemons[control >> 2 & 1];
-    if (control & 0x10) one.store.InjectFaults({{klv::cluster::MemoryStore::Fault::Kind::kLoseReply}});
+    if (control & 0x10)
+      one.store.InjectFaults({{klv::cluster::MemoryStore::Fault::Kind::kLoseReply}});
     if (control & 0x20) store_data.AdvanceTime(100);
     if (control & 0x80) one.daemon.SweepClients();
-    if (length >= 24) files.insert(uint64_t{klv::ReadWord(data + at, length, 16)} << 32 |
-                                   klv::ReadWord(data + at, length, 20));
+    if (length >= 24)
+      files.insert(uint64_t{klv::ReadWord(data + at, length, 16)} << 32 |
+                   klv::ReadWord(data + at, length, 20));
     if (!one.fenced) one.daemon.Dispatch(senders.addresses[control % kSenders], data + at, length);
     at += length;
     settle();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "lockservice/lock_manager_daemon.h"
 #include "lockservice/serial_ids.h"
@@ -179,19 +180,20 @@ bool LockManagerDaemon::DecideLock(const LockRequest& request,
     return false;
   }
   const HeldRange wanted{candidate.offset, candidate.length, candidate.shared != 0};
-  cluster_->Publish(held->file, {0, {wanted}}, [this, held, candidate](ClusterSeam::Verdict verdict) {
-    if (held->finished) return;
-    FileEntry* granted = FindOrAddFile(held->file);
-    if (verdict == ClusterSeam::Verdict::kGranted && !granted->ranges.Conflicts(candidate)) {
-      RecordLock lock = candidate;
-      lock.holder = holders_.Acquire(held->client);
-      granted->ranges.Append(lock);
-    } else {
-      held->owed.reply.SetStatus(ReplyStatus::kConflict);
-    }
-    Answer(held.get());
-    RunQueue(held->file);
-  });
+  cluster_->Publish(
+      held->file, {0, {wanted}}, [this, held, candidate](ClusterSeam::Verdict verdict) {
+        if (held->finished) return;
+        FileEntry* granted = FindOrAddFile(held->file);
+        if (verdict == ClusterSeam::Verdict::kGranted && !granted->ranges.Conflicts(candidate)) {
+          RecordLock lock = candidate;
+          lock.holder = holders_.Acquire(held->client);
+          granted->ranges.Append(lock);
+        } else {
+          held->owed.reply.SetStatus(ReplyStatus::kConflict);
+        }
+        Answer(held.get());
+        RunQueue(held->file);
+      });
   return true;
 }
 
@@ -224,12 +226,16 @@ void LockManagerDaemon::DeferExpired(const std::shared_ptr<HeldRequest>& held) {
 }
 
 void LockManagerDaemon::EndClientClustered(const ClientKey& key, std::function<void()> synced) {
-  // The client's requests still queued are dropped: it has ended.
+  // The client's held requests are dropped unanswered, also those that wait
+  // for the store (whatever they wrote there is written back): it has ended.
+  std::vector<FileKey> moved;
   for (auto& [file, queue] : held_) {
     for (const std::shared_ptr<HeldRequest>& held : queue) {
-      if (!held->decided && held->client == key) held->finished = true;
+      if (held->client == key) held->finished = true;
     }
+    if (queue.front()->finished) moved.push_back(queue.front()->file);
   }
+  for (const FileKey& file : moved) RunQueue(file);
   std::vector<FileKey> touched;
   const uint32_t holder = holders_.Find(key);
   for (HashSetIterator<FileEntry, FileTraits> it(files_); it.Advance();) {

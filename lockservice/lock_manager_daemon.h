@@ -7,8 +7,8 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <unordered_map>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -181,8 +181,8 @@ class LockManagerDaemon {
   WaitTable waits_;
   std::function<uint32_t()> random_ = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t sweep_tick_ = 1;
-  uint32_t last_wait_id_ = 0;    // wait ids start at 1
-  uint32_t last_oplock_id_ = 0;  // serial ids of granted oplocks
+  uint32_t last_wait_id_ = 0;       // wait ids start at 1
+  uint32_t last_oplock_id_ = 0;     // serial ids of granted oplocks
   ClusterSeam* cluster_ = nullptr;  // cluster mode only
   // Cluster mode: the requests held per file, in arrival order.
   std::unordered_map<uint64_t, std::deque<std::shared_ptr<HeldRequest>>> held_;

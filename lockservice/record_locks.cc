@@ -38,11 +38,10 @@ ReplyDue LockManagerDaemon::HandleUnlock(const LockRequest& request, OwedReply* 
   }
   // Only the exact range of one held lock matches; the shared mark is not compared.
   const uint32_t holder = holders_.Find(ClientKey::Of(owed->to, request.Session()));
-  if (holder == HolderTable::kNone ||
-      !file->ranges.RemoveFirst({.offset = request.Offset(),
-                                 .length = request.Length(),
-                                 .clientfid = request.Clientfid(),
-                                 .holder = holder})) {
+  if (holder == HolderTable::kNone || !file->ranges.RemoveFirst({.offset = request.Offset(),
+                                                                 .length = request.Length(),
+                                                                 .clientfid = request.Clientfid(),
+                                                                 .holder = holder})) {
     owed->reply.SetStatus(ReplyStatus::kNotFound);
     return ReplyDue::kNow;
   }

@@ -35,9 +35,7 @@ bool ShareModesAgree(const OpenLock& new_open, const OpenLock& held) {
   return kShareTable[ShareIndex(held.openmode)][ShareIndex(new_open.openmode)];
 }
 
-bool ShareClassesAgree(int held_class, int new_class) {
-  return kShareTable[held_class][new_class];
-}
+bool ShareClassesAgree(int held_class, int new_class) { return kShareTable[held_class][new_class]; }
 
 bool AgreesWithOpens(const FileEntry& file, const OpenLock& candidate) {
   for (uint32_t slot = 0; slot < file.opens.Count(); ++slot) {

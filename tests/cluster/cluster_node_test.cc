@@ -1,13 +1,14 @@
 // The awkward interleavings of the cluster's decisions, on the in-memory
 // store with its clock: two nodes writing one file at once, replies that
 // come after the deadline, and a watch that misses a node's death.
+#include "cluster/cluster_node.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "cluster/cluster_node.h"
 #include "cluster/memory_store.h"
 
 namespace klv::cluster {
@@ -23,8 +24,9 @@ constexpr int kReadDenyNone = 1;  // share class read, deny none
 // lock service holds.
 struct Node {
   Node(MemoryData* data, const std::string& name)
-      : store(data), node(std::make_unique<ClusterNode>(ClusterConfig{{"x"}, "c", name, 2, 1, 300},
-                                                        &store, [data] { return data->NowMs(); })) {
+      : store(data),
+        node(std::make_unique<ClusterNode>(ClusterConfig{{"x"}, "c", name, 2, 1, 300}, &store,
+                                           [data] { return data->NowMs(); })) {
     node->SetHoldingsSource([this](const FileKey&) { return held; });
     node->SetFenceHandler([this](const std::string& why) { fenced = why; });
     node->Register([](const std::string& error) { EXPECT_EQ(error, ""); });

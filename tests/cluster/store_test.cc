@@ -53,7 +53,8 @@ TEST(EtcdStore, UnreachableEndpointFailsOverToTheNext) {
     std::optional<StoreResult> outcome;
     store.Range("/t", {}, [&](const StoreResult& result, const RangeResult&) { outcome = result; });
     EXPECT_TRUE(RunUntil(&store, [&] { return outcome.has_value(); }));
-    EXPECT_EQ(outcome->status, endpoints.size() == 2 ? StoreStatus::kDone : StoreStatus::kUnreachable);
+    EXPECT_EQ(outcome->status,
+              endpoints.size() == 2 ? StoreStatus::kDone : StoreStatus::kUnreachable);
     EXPECT_EQ(store.Endpoint(), endpoints.back());
   }
   close(closed);

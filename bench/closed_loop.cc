@@ -112,8 +112,10 @@ void Driver::HandleReadable(size_t index) {
     ++result_.requests;
     const auto latency =
         std::chrono::duration_cast<std::chrono::nanoseconds>(now_ - sent_at_[index]);
-    result_.latency_ns.push_back(
-        static_cast<uint32_t>(std::min<int64_t>(latency.count(), UINT32_MAX)));
+    const auto nanoseconds = static_cast<uint32_t>(std::min<int64_t>(latency.count(), UINT32_MAX));
+    result_.latency_ns.push_back(nanoseconds);
+    const uint32_t kind = sessions_[index]->Kind();
+    if (kind != 0) result_.latency_ns_by_kind[kind].push_back(nanoseconds);
   }
   Send(index);
 }
@@ -180,6 +182,19 @@ std::string Summary(const RunResult& result) {
            static_cast<unsigned long long>(result.errors.status),
            static_cast<unsigned long long>(result.errors.timeouts),
            static_cast<unsigned long long>(result.errors.probes));
+  return line;
+}
+
+std::string KindSummary(const RunResult& result,
+                        const std::function<std::string(uint32_t)>& name_of) {
+  std::string line;
+  for (const auto& [kind, latencies] : result.latency_ns_by_kind) {
+    std::vector<uint32_t> samples = latencies;
+    char pair[128];
+    snprintf(pair, sizeof pair, " p50_us_%s=%.1f p99_us_%s=%.1f", name_of(kind).c_str(),
+             Percentile(&samples, 0.50), name_of(kind).c_str(), Percentile(&samples, 0.99));
+    line += pair;
+  }
   return line;
 }
 

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace klv::bench {
@@ -35,6 +37,9 @@ class Session {
   // True between whole cycles of the plan (a lock and its unlock, an open and
   // its close), when stopping leaves nothing held.
   virtual bool AtRest() const = 0;
+  // What the request in flight is (the lock protocol's request code), so
+  // that latencies can be told apart by kind; 0 when it does not matter.
+  virtual uint32_t Kind() const { return 0; }
 };
 
 struct RunLimits {
@@ -48,6 +53,7 @@ struct RunResult {
   uint64_t requests = 0;  // replies in the measured window
   double seconds = 0;     // length of the measured window
   std::vector<uint32_t> latency_ns;
+  std::map<uint32_t, std::vector<uint32_t>> latency_ns_by_kind;  // for kinds other than 0
   ErrorCounts errors;
   bool finished = true;  // false when max_seconds cut the run short
 };
@@ -67,6 +73,11 @@ RunResult RunClosedLoop(const std::vector<std::unique_ptr<Session>>& sessions,
 // Requests per second, latency percentiles in microseconds and error counts as
 // one line of key=value pairs (without a newline).
 std::string Summary(const RunResult& result);
+
+// The latency p50 and p99 in microseconds of each kind of request, named by
+// `name_of(kind)`, as " p50_us_NAME=... p99_us_NAME=..." pairs.
+std::string KindSummary(const RunResult& result,
+                        const std::function<std::string(uint32_t)>& name_of);
 
 }  // namespace klv::bench
 

@@ -7,7 +7,15 @@
 //               [--seconds=3] [--warmup=0.5] [--preload=L] [--preload-files=F]
 //               [--status-port=T --reports=K] [--status-port=T --report-once=K]
 //               [--memory --preload=L --preload-files=F --quiet-ms=2000]
-//               [--label=TEXT]
+//               [--hold-opens] [--ports=P1,P2,...] [--first-file=N] [--label=TEXT]
+//
+// --hold-opens first opens every file of the workload once (read, deny none)
+// from sessions of their own and keeps them open during the run: on a node in
+// cluster mode the open/close workload then needs no store. --ports spreads
+// the clients over several daemons (the nodes of a cluster), each on files of
+// its own: those of port k start at --first-file + k * --files. The result
+// line gives, besides the figures of all requests, the latency of each kind
+// (p50_us_open, p99_us_lock, ...).
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +31,7 @@
 #include "bench/redis_session.h"
 #include "bench/report_reader.h"
 #include "bench/server_process.h"
+#include "tests/support/wire_bytes.h"
 
 namespace klv::bench {
 
@@ -130,15 +139,71 @@ bool TimeReports(uint16_t status_port, int count) {
   return ok;
 }
 
+std::string KindName(uint32_t code) {
+  switch (code) {
+    case wire::kOpen:
+      return "open";
+    case wire::kClose:
+      return "close";
+    case wire::kLock:
+      return "lock";
+    case wire::kUnlock:
+      return "unlock";
+    case wire::kNoop:
+      return "noop";
+    default:
+      return "code" + std::to_string(code);
+  }
+}
+
+// The ports of --ports, or the one of --port.
+std::vector<uint16_t> Ports(const Arguments& arguments) {
+  std::vector<uint16_t> ports;
+  const std::string list = arguments.Text("ports", arguments.Text("port", "0"));
+  for (size_t start = 0; start <= list.size();) {
+    const size_t comma = std::min(list.find(',', start), list.size());
+    ports.push_back(static_cast<uint16_t>(std::atoi(list.substr(start, comma - start).c_str())));
+    start = comma + 1;
+  }
+  return ports;
+}
+
+// The lock-protocol sessions of the workload: `clients` spread over the
+// ports, each port's on files of its own.
+std::vector<std::unique_ptr<Session>> WorkloadSessions(const Arguments& arguments,
+                                                       Workload workload, uint32_t clients) {
+  const std::vector<uint16_t> ports = Ports(arguments);
+  const auto files = static_cast<uint32_t>(arguments.Number("files", 1));
+  const auto first_file = static_cast<uint32_t>(arguments.Number("first-file", 0));
+  std::vector<std::unique_ptr<Session>> sessions;
+  for (size_t k = 0; k < ports.size(); ++k) {
+    const auto share = static_cast<uint32_t>(clients / ports.size() + (k < clients % ports.size()));
+    if (share == 0) continue;
+    const LockPlan plan = {workload, files, 0, first_file + static_cast<uint32_t>(k) * files};
+    auto some = MakeLockSessions(ports[k], plan, share);
+    if (some.empty()) return {};
+    for (auto& session : some) sessions.push_back(std::move(session));
+  }
+  return sessions;
+}
+
 bool RunWorkload(const Arguments& arguments, const ServerProcess& server) {
   const auto port = static_cast<uint16_t>(arguments.Number("port", 0));
   const auto clients = static_cast<uint32_t>(arguments.Number("clients", 64));
   const auto files = static_cast<uint32_t>(arguments.Number("files", 1));
   const std::string protocol = arguments.Text("protocol", "lock");
   const std::string workload = arguments.Text("workload", "noop");
+  std::vector<std::unique_ptr<Session>> holders;
+  if (arguments.Has("hold-opens")) {
+    holders = WorkloadSessions(arguments, Workload::kHold, kPreloadSessions);
+    if (holders.empty()) return false;
+    RunLimits limits;
+    limits.seconds = 0;
+    if (RunClosedLoop(holders, limits).errors.Total() != 0) return false;
+  }
   const auto sessions = protocol == "redis"
                             ? MakeRedisSessions(port, files, clients)
-                            : MakeLockSessions(port, {WorkloadNamed(workload), files, 0}, clients);
+                            : WorkloadSessions(arguments, WorkloadNamed(workload), clients);
   if (sessions.empty()) {
     fprintf(stderr, "klv_loadgen: cannot open %u sessions to port %u\n", clients, port);
     return false;
@@ -160,18 +225,19 @@ bool RunWorkload(const Arguments& arguments, const ServerProcess& server) {
   reports.Stop();
   const double requests = result.requests > 0 ? static_cast<double>(result.requests) : 1;
   printf(
-      "result label=%s protocol=%s workload=%s clients=%u files=%u %s cpu_us_per_req=%.3f "
+      "result label=%s protocol=%s workload=%s clients=%u files=%u %s%s cpu_us_per_req=%.3f "
       "rss_mb=%.1f%s%s\n",
       arguments.Text("label", "-").c_str(), protocol.c_str(), workload.c_str(), clients, files,
-      Summary(result).c_str(), (cpu_end - cpu_start) * 1e6 / requests,
-      Mebibytes(server.ResidentBytes()), arguments.Has("reports") ? " " : "",
+      Summary(result).c_str(), KindSummary(result, KindName).c_str(),
+      (cpu_end - cpu_start) * 1e6 / requests, Mebibytes(server.ResidentBytes()),
+      arguments.Has("reports") ? " " : "",
       arguments.Has("reports") ? reports.Summary().c_str() : "");
   return result.requests > 0 && result.errors.Total() == 0;
 }
 
 int Main(int argc, char** argv) {
   const Arguments arguments(argc, argv);
-  const auto port = static_cast<uint16_t>(arguments.Number("port", 0));
+  const uint16_t port = Ports(arguments).front();
   const ServerProcess server(static_cast<pid_t>(arguments.Number("pid", 0)));
   const auto locks = static_cast<uint64_t>(arguments.Number("preload", 0));
   const auto preload_files =

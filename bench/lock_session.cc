@@ -65,7 +65,8 @@ bool LockSession::BuildRequest() {
   const bool endless = plan_.workload == Workload::kNoop || plan_.workload == Workload::kLock ||
                        plan_.workload == Workload::kOpen;
   const uint64_t item = index_ + cycle * sessions_;
-  const uint64_t limit = plan_.workload == Workload::kTouch ? plan_.files : plan_.count;
+  const bool per_file = plan_.workload == Workload::kTouch || plan_.workload == Workload::kHold;
+  const uint64_t limit = per_file ? plan_.files : plan_.count;
   if (!endless && item >= limit) return false;
 
   uint64_t file = endless ? item % plan_.files : item;
@@ -79,7 +80,7 @@ bool LockSession::BuildRequest() {
                             .session = session_id_,
                             .clientfid = index_ + 1,
                             .filekey_hi = kFileKeyHi,
-                            .filekey_lo = static_cast<uint32_t>(file + 1)};
+                            .filekey_lo = static_cast<uint32_t>(plan_.first_file + file + 1)};
   switch (plan_.workload) {
     case Workload::kNoop:
       request_ = wire::BareBytes(wire::kNoop, head);
@@ -87,6 +88,9 @@ bool LockSession::BuildRequest() {
     case Workload::kOpen:
       request_ = first_half ? wire::OpenBytes(head, kReadDenyNone, 0, "bench", "/srv/bench/file")
                             : wire::BareBytes(wire::kClose, head);
+      break;
+    case Workload::kHold:
+      request_ = wire::OpenBytes(head, kReadDenyNone, 0, "bench", "/srv/bench/file");
       break;
     case Workload::kRelease:
       request_ = wire::UnlockBytes(head, offset, kRangeLength);

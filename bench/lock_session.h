@@ -18,14 +18,18 @@ namespace klv::bench {
 //             which leaves them in the table with nothing held
 //   kPreload  REQ_LOCK of its share of `count` ranges spread over the files
 //   kRelease  REQ_UNLOCK of the same ranges (from the same session)
+//   kHold     REQ_OPEN (read, deny none) once on each of its share of the
+//             files, left open: in cluster mode the node has then published
+//             that class on every file, and kOpen needs no store
 // Endless plans visit file (session + cycle * sessions) % files on each cycle;
 // finite ones take every sessions-th item from the session's index on.
-enum class Workload { kNoop, kLock, kOpen, kTouch, kPreload, kRelease };
+enum class Workload { kNoop, kLock, kOpen, kTouch, kPreload, kRelease, kHold };
 
 struct LockPlan {
   Workload workload = Workload::kNoop;
   uint32_t files = 1;
-  uint64_t count = 0;  // ranges of kPreload and kRelease
+  uint64_t count = 0;       // ranges of kPreload and kRelease
+  uint32_t first_file = 0;  // file n of the plan is file first_file + n of the keys
 };
 
 // A UDP socket on 127.0.0.1 talking to the daemon's port (or an echo server's)
@@ -45,6 +49,7 @@ class LockSession : public Session {
   void Resend() override;
   Read OnReadable(ErrorCounts* errors) override;
   bool AtRest() const override { return step_ % StepsPerCycle() == 0; }
+  uint32_t Kind() const override { return expected_code_; }
   // Starts `plan` from its first step, on the same socket (so as the same
   // client): kRelease after kPreload unlocks what the preload locked.
   void Restart(const LockPlan& plan) {
@@ -74,7 +79,7 @@ class LockSession : public Session {
 std::vector<std::unique_ptr<Session>> MakeLockSessions(uint16_t port, const LockPlan& plan,
                                                        uint32_t count);
 
-// The file keys every plan uses: file n is (0x0801, n + 1).
+// The file keys every plan uses: file n is (0x0801, first_file + n + 1).
 constexpr uint32_t kFileKeyHi = 0x0801;
 
 }  // namespace klv::bench

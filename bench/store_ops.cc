@@ -7,7 +7,6 @@
 //   tests/cluster/with_etcd.sh build/release/bench/klv_store_ops [seconds] [in-flight...]
 // (default 5 seconds at 1 and at 64 in flight).
 #include <sys/resource.h>
-#include <sys/select.h>
 
 #include <algorithm>
 #include <chrono>
@@ -28,24 +27,10 @@ using Clock = std::chrono::steady_clock;
 const std::string kPrefix = "/klvlockd/bench";
 const std::string kNodeKey = kPrefix + "/nodes/n1";
 
-// One select pass, as the daemon's loop will make it.
-void RunOnce(Store* store) {
-  fd_set readable, writable;
-  FD_ZERO(&readable);
-  FD_ZERO(&writable);
-  int max_fd = -1;
-  store->AddDescriptors(&readable, &writable, &max_fd);
-  const long store_ms = store->TimeoutMs();
-  const long wait_ms = store_ms < 0 ? 100 : std::min(store_ms, 100L);
-  timeval timeout = {wait_ms / 1000, (wait_ms % 1000) * 1000};
-  select(max_fd + 1, &readable, &writable, nullptr, &timeout);
-  store->Perform();
-}
-
 // Runs the loop until `*done`, for up to 10 s. False on a timeout.
 bool RunUntil(Store* store, const bool* done) {
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
-  while (!*done && Clock::now() < deadline) RunOnce(store);
+  while (!*done && Clock::now() < deadline) RunStoreOnce(store, 100);
   return *done;
 }
 
@@ -127,7 +112,7 @@ Figures Measure(Store* store, const Node& node, int in_flight, double seconds,
       store->KeepAlive(node.lease, [](const StoreResult&, const LeaseResult&) {});
       renew += std::chrono::seconds(2);
     }
-    RunOnce(store);
+    RunStoreOnce(store, 100);
   }
   figures.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   figures.client_cpu_seconds = OwnCpuSeconds() - client_cpu;

@@ -27,6 +27,12 @@ RATIOS = {
         ("open/close, large table vs empty", "loaded_open", "empty_open", "rps"),
         ("lock/unlock, ranges on one file vs empty", "onefile_lock", "empty_onefile_lock", "rps"),
     ],
+    "cluster": [
+        ("no-op, node a / standalone", "cluster_noop", "standalone_noop", "rps"),
+        ("open/close of a published class, node a / standalone", "cluster_open",
+         "standalone_open", "rps"),
+        ("lock/unlock on 3 nodes / etcd transactions", "cluster3_lock", "etcd_txn", "rps"),
+    ],
     "report": [
         ("p99 during reports vs idle", "reports", "idle", "p99_us"),
         ("p99.9 during reports vs idle", "reports", "idle", "p999_us"),
@@ -65,7 +71,7 @@ def main(mode, path):
                 if line.startswith("against_preload "):
                     against[fields(line)["count"]] = fields(line)
                 if line.startswith(("preload", "against_preload", "memory", "report", "touch",
-                                    "release")):
+                                    "release", "death")):
                     print(line.rstrip())
                 continue
             values = fields(line)
@@ -78,8 +84,17 @@ def main(mode, path):
         return
     print(f"{'target':<22}{'clients':>8}" + "".join(f"{name:>16}" for name in FIGURES))
     for (label, clients), rounds in sorted(runs.items(), key=lambda item: (int(item[0][1]), item[0][0])):
-        medians = [statistics.median(float(r[name]) for r in rounds.values()) for name in FIGURES]
+        medians = [statistics.median(float(r.get(name, "nan")) for r in rounds.values())
+                   for name in FIGURES]
         print(f"{label:<22}{clients:>8}" + "".join(f"{value:>16.2f}" for value in medians))
+    for (label, clients), rounds in sorted(runs.items()):
+        kinds = sorted({name for r in rounds.values() for name in r if name.startswith("p50_us_")})
+        for kind in kinds:
+            name = kind[len("p50_us_"):]
+            p50 = statistics.median(float(r[kind]) for r in rounds.values() if kind in r)
+            p99 = statistics.median(float(r["p99_us_" + name]) for r in rounds.values()
+                                    if "p99_us_" + name in r)
+            print(f"{label:<22}{clients:>8}  {name}: p50 {p50:.1f} us, p99 {p99:.1f} us")
     print()
     client_counts = sorted({clients for _, clients in runs}, key=int)
     for name, top, bottom, figure in RATIOS.get(mode, []):

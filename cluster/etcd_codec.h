@@ -20,14 +20,14 @@ bool Base64Decode(const std::string& text, std::string* bytes);
 std::string TransactionBody(const Transaction& transaction);
 std::string RangeBody(const std::string& key, const std::string& range_end);
 std::string GrantBody(int64_t ttl_s);
-std::string LeaseIdBody(int64_t id);  // keep-alive and revoke
+std::string LeaseIdBody(int64_t id);  // keep-alive, time to live and revoke
 std::string WatchBody(const std::string& prefix, int64_t start_revision);
 
 // Reply bodies. Each returns false, with the reason in `*failure`, for a
 // reply that is not what the call expects or that reports an error.
 bool ParseTransaction(const std::string& body, TransactionResult* result, std::string* failure);
 bool ParseRange(const std::string& body, RangeResult* result, std::string* failure);
-// A grant reply, or one message of the keep-alive stream.
+// A grant or time-to-live reply, or one message of the keep-alive stream.
 bool ParseLease(const std::string& body, LeaseResult* result, std::string* failure);
 bool ParseDone(const std::string& body, std::string* failure);
 

@@ -78,6 +78,10 @@ void EtcdStore::KeepAlive(int64_t id, LeaseDone done) {
   Post("/v3/lease/keepalive", etcd::LeaseIdBody(id), Parsed(etcd::ParseLease, done));
 }
 
+void EtcdStore::TimeToLive(int64_t id, LeaseDone done) {
+  Post("/v3/lease/timetolive", etcd::LeaseIdBody(id), Parsed(etcd::ParseLease, done));
+}
+
 void EtcdStore::RevokeLease(int64_t id, Done done) {
   Post("/v3/lease/revoke", etcd::LeaseIdBody(id),
        [done = std::move(done)](const StoreResult& sent, const std::string& body) {

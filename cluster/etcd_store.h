@@ -44,6 +44,10 @@ class EtcdStore : public Store {
   long TimeoutMs() override;
   void Perform() override;
 
+  // Reads how long lease `id` has left, without renewing it: ttl_s is -1
+  // once the lease has ended. For tools that look at other nodes' leases.
+  void TimeToLive(int64_t id, LeaseDone done);
+
   // The endpoint that the next call goes to.
   const std::string& Endpoint() const { return endpoints_[endpoint_]; }
   // Calls in flight, the watch not counted.

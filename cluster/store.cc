@@ -1,5 +1,9 @@
 #include "cluster/store.h"
 
+#include <sys/select.h>
+
+#include <algorithm>
+
 namespace klv::cluster {
 
 std::string PrefixEnd(const std::string& prefix) {
@@ -10,6 +14,19 @@ std::string PrefixEnd(const std::string& prefix) {
   if (end.empty()) return std::string(1, '\0');
   end.back() = static_cast<char>(static_cast<unsigned char>(end.back()) + 1);
   return end;
+}
+
+void RunStoreOnce(Store* store, long max_wait_ms) {
+  fd_set readable, writable;
+  FD_ZERO(&readable);
+  FD_ZERO(&writable);
+  int max_fd = -1;
+  store->AddDescriptors(&readable, &writable, &max_fd);
+  const long store_ms = store->TimeoutMs();
+  const long wait_ms = store_ms < 0 ? max_wait_ms : std::min(store_ms, max_wait_ms);
+  timeval timeout = {wait_ms / 1000, (wait_ms % 1000) * 1000};
+  select(max_fd + 1, &readable, &writable, nullptr, &timeout);
+  store->Perform();
 }
 
 }  // namespace klv::cluster

@@ -53,6 +53,13 @@ struct KeyValue {
 // The end of the range that holds every key starting with `prefix`.
 std::string PrefixEnd(const std::string& prefix);
 
+class Store;
+
+// One pass of a select loop that serves `store` alone, for tools and
+// benchmarks: waits for its descriptors, at most `max_wait_ms`, then
+// Perform().
+void RunStoreOnce(Store* store, long max_wait_ms);
+
 // A condition of a transaction on one key. A missing key has version,
 // create and mod revision 0 and no value (a value compare on it fails).
 struct Compare {

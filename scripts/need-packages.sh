@@ -3,7 +3,7 @@
 #   build  what scripts/start.sh needs to build the programs
 #   test   that, and what scripts/test.sh needs to build and run every test
 #          (the cluster and package sets included)
-#   cluster  the cluster store's libraries, and etcd for its tests
+#   cluster  the cluster store's libraries, and etcd (and etcdctl) for its tests
 #   fuzz   what fuzz/run.sh needs: clang and its fuzzer and sanitizer runtime
 #   package  what scripts/build-packages.sh and the installation test need to
 #          build, check and try the Debian packages
@@ -12,8 +12,9 @@
 # Usage: scripts/need-packages.sh build|test|cluster|fuzz|package
 set -eu
 build_packages="g++ cmake make"
-cluster_packages="etcd-server libcurl4-openssl-dev nlohmann-json3-dev"
-package_packages="$build_packages dpkg-dev debhelper lintian adduser bash-completion"
+cluster_packages="etcd-server etcd-client libcurl4-openssl-dev nlohmann-json3-dev"
+package_packages="$build_packages libcurl4-openssl-dev nlohmann-json3-dev dpkg-dev debhelper lintian adduser
+  bash-completion"
 test_packages="$build_packages libgtest-dev groff-base pkg-config $cluster_packages $package_packages"
 fuzz_packages="clang libclang-rt-14-dev"
 case ${1:-} in

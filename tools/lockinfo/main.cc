@@ -1,5 +1,6 @@
 // lockinfo: prints the status report of a running klvlockd, as it stands, as
-// JSON or as metrics for a text-file collector, once or every few seconds.
+// JSON or as metrics for a text-file collector, once or every few seconds; or
+// what a cluster of daemons holds, read from their etcd.
 #include <poll.h>
 #include <unistd.h>
 
@@ -8,8 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 
+#include "cluster/cluster_config.h"
+#include "tools/lockinfo/cluster_fetch.h"
+#include "tools/lockinfo/cluster_view.h"
 #include "tools/lockinfo/report_fetch.h"
 #include "tools/lockinfo/report_parser.h"
 #include "tools/lockinfo/report_writers.h"
@@ -28,6 +33,7 @@ constexpr const char* kPortVariable = "_klvlockd_status";
 constexpr const char* kUsage =
     "Usage: lockinfo [--json | --metrics] [--timeout SECONDS] [--max-bytes BYTES]\n"
     "                [--watch SECONDS] [PORT]\n"
+    "       lockinfo --cluster FILE [--json] [--timeout SECONDS] [--watch SECONDS]\n"
     "       lockinfo --help | --version\n";
 
 constexpr const char* kHelp =
@@ -42,6 +48,9 @@ constexpr const char* kHelp =
     "                       (default 30)\n"
     "  --max-bytes BYTES    give up on a report longer than this (default 1073741824)\n"
     "  --watch SECONDS      print the report again every SECONDS until interrupted\n"
+    "  --cluster FILE       instead of a report: the nodes of the cluster that the\n"
+    "                       daemon's cluster setting FILE names, and per file what\n"
+    "                       each node holds, read from the cluster's etcd\n"
     "  --help               this text\n"
     "  --version            the version\n"
     "\n"
@@ -49,7 +58,9 @@ constexpr const char* kHelp =
     "11 no local TCP socket, 12 the daemon could not be contacted, 13 reading\n"
     "the report failed, timed out, went past --max-bytes, or what came was not a\n"
     "whole status report, 14 a path or name with a line break makes part of the\n"
-    "report ambiguous (that part is marked, and left out of the files).\n";
+    "report ambiguous (that part is marked, and left out of the files).\n"
+    "With --cluster: 2 also a bad FILE, 12 no etcd endpoint could be contacted,\n"
+    "13 etcd did not answer in time or refused the read.\n";
 
 constexpr const char* kNoPortHint =
     "lockinfo: no PORT given and $_klvlockd_status is not set; source the daemon's env file "
@@ -60,6 +71,8 @@ enum class Format { kText, kJson, kMetrics };
 struct Options {
   Format format = Format::kText;
   const char* port = nullptr;
+  const char* cluster = nullptr;  // the cluster setting file
+  bool max_bytes_given = false;
   FetchLimits limits;
   int watch_ms = 0;  // 0: print once
 };
@@ -67,6 +80,15 @@ struct Options {
 volatile sig_atomic_t stop_requested = 0;
 
 void RequestStop(int) { stop_requested = 1; }
+
+// SIGINT and SIGTERM set stop_requested; without SA_RESTART the waits end at
+// once.
+void CatchStopSignals() {
+  struct sigaction action = {};
+  action.sa_handler = RequestStop;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
 
 int UsageError(const std::string& message) {
   fprintf(stderr, "lockinfo: %s\n%s", message.c_str(), kUsage);
@@ -111,12 +133,16 @@ const char* OptionValue(int argc, char** argv, int* index, const char* name, boo
 // Reads an option with a value; false when argv[*index] is none. A bad value
 // sets *error.
 bool ReadValueOption(int argc, char** argv, int* index, Options* options, std::string* error) {
-  for (const char* name : {"--timeout", "--max-bytes", "--watch"}) {
+  for (const char* name : {"--timeout", "--max-bytes", "--watch", "--cluster"}) {
     bool missing = false;
     const char* value = OptionValue(argc, argv, index, name, &missing);
     if (value == nullptr && !missing) continue;
     bool good = false;
-    if (strcmp(name, "--max-bytes") == 0) {
+    if (strcmp(name, "--cluster") == 0) {
+      options->cluster = value;
+      good = value != nullptr && value[0] != '\0';
+    } else if (strcmp(name, "--max-bytes") == 0) {
+      options->max_bytes_given = true;
       options->limits.max_bytes = ByteCount(value);
       good = options->limits.max_bytes > 0;
     } else {
@@ -160,6 +186,10 @@ int ReadArguments(int argc, char** argv, Options* options) {
       options->port = argv[i];
     }
   }
+  if (options->cluster == nullptr) return -1;
+  if (options->format == Format::kMetrics) return UsageError("--cluster has no --metrics");
+  if (options->port != nullptr) return UsageError("--cluster takes no port");
+  if (options->max_bytes_given) return UsageError("--cluster has no --max-bytes");
   return -1;
 }
 
@@ -233,20 +263,54 @@ int ShowReport(const Options& options, uint16_t port) {
   return static_cast<int>(status);
 }
 
+// One round of --cluster: reads the cluster's keys and prints them; answers
+// the exit status.
+int ShowCluster(const Options& options, const cluster::ClusterConfig& config) {
+  ClusterView view;
+  std::string failure;
+  const FetchStatus status =
+      FetchCluster(config, options.limits.timeout_ms, &stop_requested, &view, &failure);
+  if (status == FetchStatus::kDone) {
+    const std::string out = options.format == Format::kJson ? ClusterJson(view) : ClusterText(view);
+    fwrite(out.data(), 1, out.size(), stdout);
+  } else if (status != FetchStatus::kInterrupted) {
+    fprintf(stderr, "lockinfo: %s of cluster %s: %s\n",
+            status == FetchStatus::kNoContact ? "cannot contact the etcd"
+                                              : "error reading the keys from the etcd",
+            config.cluster.c_str(), failure.c_str());
+  }
+  fflush(stdout);
+  return static_cast<int>(status);
+}
+
 // Shows the report every options.watch_ms until SIGINT or SIGTERM, each round
 // on a cleared screen when standard output is a terminal; exits 0.
-int Watch(const Options& options, uint16_t port) {
-  struct sigaction action = {};
-  action.sa_handler = RequestStop;  // no SA_RESTART: the waits end at once
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+int Watch(const Options& options, const std::function<int()>& show) {
+  CatchStopSignals();
   const bool terminal = isatty(STDOUT_FILENO);
   while (stop_requested == 0) {
     if (terminal) fputs("\033[H\033[2J", stdout);
-    ShowReport(options, port);
+    show();
     if (stop_requested == 0) poll(nullptr, 0, options.watch_ms);
   }
   return 0;
+}
+
+// lockinfo --cluster: reads the setting file, then the cluster's keys.
+int RunForCluster(const Options& options) {
+  if (!ClusterSupported()) {
+    return UsageError("this lockinfo was built without the cluster store (libcurl, nlohmann-json)");
+  }
+  cluster::ClusterConfig config;
+  std::string error;
+  if (!cluster::ReadClusterConfig(options.cluster, &config, &error)) {
+    fprintf(stderr, "lockinfo: %s\n", error.c_str());
+    return kUsageError;
+  }
+  // Interrupted, a fetch ends at once rather than after its time-out.
+  CatchStopSignals();
+  if (options.watch_ms > 0) return Watch(options, [&] { return ShowCluster(options, config); });
+  return ShowCluster(options, config);
 }
 
 // The whole program: reads the command line, fetches the report and prints it.
@@ -255,6 +319,7 @@ int Run(int argc, char** argv) {
   Options options;
   const int done = ReadArguments(argc, argv, &options);
   if (done >= 0) return done;
+  if (options.cluster != nullptr) return RunForCluster(options);
   const bool from_environment = options.port == nullptr;
   if (from_environment) options.port = getenv(kPortVariable);
   if (options.port == nullptr || options.port[0] == '\0') {
@@ -263,7 +328,8 @@ int Run(int argc, char** argv) {
   }
   const uint16_t port = CheckedPort(options.port, from_environment);
   if (port == 0) return kNotAPort;
-  return options.watch_ms > 0 ? Watch(options, port) : ShowReport(options, port);
+  if (options.watch_ms > 0) return Watch(options, [&] { return ShowReport(options, port); });
+  return ShowReport(options, port);
 }
 
 }  // namespace

@@ -13,10 +13,6 @@
 
 namespace klv {
 
-namespace {
-
-// Appends a JSON string: quotes, backslashes and control characters escaped,
-// and each byte above 0x7E written as the character of the same value.
 void AppendQuoted(std::string* out, const std::string& bytes) {
   *out += '"';
   for (const char c : bytes) {
@@ -34,6 +30,27 @@ void AppendQuoted(std::string* out, const std::string& bytes) {
   }
   *out += '"';
 }
+
+void AppendEscaped(std::string* out, std::string_view bytes) {
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\\') {
+      *out += "\\\\";
+    } else if (c == '\n') {
+      *out += "\\n";
+    } else if (c == '\t') {
+      *out += "\\t";
+    } else if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
+      char escape[8];
+      snprintf(escape, sizeof escape, "\\x%02x", byte);
+      *out += escape;
+    } else {
+      *out += c;
+    }
+  }
+}
+
+namespace {
 
 // Appends `"name": `, after ", " unless it opens its object.
 void AppendKey(std::string* out, const char* name) {
@@ -156,26 +173,6 @@ void AppendGauge(std::string* out, const char* name, const char* help,
   }
 }
 
-// Appends `bytes` with control characters, C1 controls and backslashes escaped.
-void AppendEscaped(std::string* out, std::string_view bytes) {
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\\') {
-      *out += "\\\\";
-    } else if (c == '\n') {
-      *out += "\\n";
-    } else if (c == '\t') {
-      *out += "\\t";
-    } else if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\x%02x", byte);
-      *out += escape;
-    } else {
-      *out += c;
-    }
-  }
-}
-
 // A name field: the escaped name padded to 15 characters.
 void AppendNameField(std::string* out, const std::string& name) {
   const size_t before = out->size();
@@ -247,8 +244,8 @@ std::string ReportJson(const StatusReport& report) {
 }
 
 std::string ReportText(const StatusReport& report) {
-  std::string out = report.time + " " + kDaemonName + " " + report.version + "\n\n" +
-                    report::kClientSection;
+  std::string out =
+      report.time + " " + kDaemonName + " " + report.version + "\n\n" + report::kClientSection;
   if (!report.clients.empty()) out += report::kClientHeading;
   for (const ReportClient& client : report.clients) {
     out += report::kIndent;

@@ -2,6 +2,7 @@
 #define KLV_TOOLS_LOCKINFO_REPORT_WRITERS_H_
 
 #include <string>
+#include <string_view>
 
 #include "tools/lockinfo/report_parser.h"
 
@@ -30,6 +31,14 @@ std::string ReportMetrics(const StatusReport& report);
 
 // What the metrics say when no report could be had: klvlockd_up 0.
 std::string UnreachableMetrics();
+
+// Appends a JSON string: quotes, backslashes and control characters escaped,
+// and each byte above 0x7E written as the character of the same value.
+void AppendQuoted(std::string* out, const std::string& bytes);
+
+// Appends `bytes` with control characters, C1 controls and backslashes
+// escaped (\n, \t, \\, \xHH).
+void AppendEscaped(std::string* out, std::string_view bytes);
 
 }  // namespace klv
 

@@ -132,6 +132,15 @@ TEST(BitSet, AgreesWithAStandardSet) {
     ASSERT_EQ(copy.Test(bit), model.count(bit) == 1) << bit;
   }
   EXPECT_FALSE(BitSet(16).Test(5000));
+  // select reads WordCount() * 32 bits: every bit set or cleared lies inside,
+  // also the first bit past the last word.
+  for (uint32_t word = 1; word < 8; ++word) {
+    BitSet grown(0);
+    grown.Set(32 * word - 1);
+    const uint32_t next = grown.WordCount() * 32;
+    grown.Clear(next);
+    EXPECT_GT(grown.WordCount() * 32, next);
+  }
 }
 
 TEST(TimeStamp, WrittenAsLocalTimeWithTruncatedMilliseconds) {

@@ -7,6 +7,7 @@ set -u
 export LC_ALL=C
 lockinfo=$1
 dir=$(mktemp -d)
+source "$(dirname "$0")/../support/expect_output.sh"
 stopped_etcd=
 cleanup() {
   # etcd is with_etcd.sh's to stop; it must not be left stopped by a signal.
@@ -40,17 +41,9 @@ etcdctl put --lease="$lease_a" $p/nodes/a 'pid=4242' &&
   fail "etcdctl put failed"
 
 # expect STATUS PATTERN COUNT ARGUMENT...: lockinfo ARGUMENT... ends with
-# STATUS, and COUNT lines of its output and errors match the extended regular
-# expression PATTERN.
-expect() {
-  local status=$1 pattern=$2 count=$3
-  shift 3
-  "$lockinfo" "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  [ "$got" -eq "$status" ] || fail "lockinfo $* ended with $got, not $status"
-  got=$(cat "$dir/out" "$dir/err" | grep -cE -- "$pattern")
-  [ "$got" -eq "$count" ] || fail "lockinfo $*: $got lines match \"$pattern\", not $count"
-}
+# STATUS, and COUNT lines of its output and errors match the extended
+# regular expression PATTERN.
+expect() { expect_output -E "$1" "$2" "$3" "$lockinfo" "${@:4}"; }
 
 conf=$dir/cluster.conf
 while IFS=';' read -r status pattern count arguments; do

@@ -9,6 +9,7 @@ lockinfo=$2
 dir=$(mktemp -d)
 pids=()
 source "$(dirname "$0")/../support/stop_pids.sh"
+source "$(dirname "$0")/../support/expect_output.sh"
 cleanup() {
   stop_pids "${pids[@]}"
   rm -rf "$dir"
@@ -50,16 +51,8 @@ wait_for_opens() {
   fail "the daemon never reported $1 opens"
 }
 # expect STATUS PATTERN COUNT ARGUMENT...: lockinfo ARGUMENT... ends with
-# STATUS, and COUNT lines of its output and errors hold PATTERN.
-expect() {
-  local status=$1 pattern=$2 count=$3
-  shift 3
-  "$lockinfo" "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  [ "$got" -eq "$status" ] || fail "lockinfo $* ended with $got, not $status"
-  got=$(cat "$dir/out" "$dir/err" | grep -cF -- "$pattern")
-  [ "$got" -eq "$count" ] || fail "lockinfo $*: $got lines hold \"$pattern\", not $count"
-}
+# STATUS, and COUNT lines of its output and errors hold the fixed string PATTERN.
+expect() { expect_output -F "$1" "$2" "$3" "$lockinfo" "${@:4}"; }
 
 # A name with a line break and a terminal escape, and a path with a line break.
 open_request 1 1 10 20 'alice' '/real'

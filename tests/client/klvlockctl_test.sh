@@ -117,7 +117,7 @@ timeout 10 "$klvlockctl" <&- >"$dir/closed.out" 2>&1
 timeout 10 "$klvlockctl" <"$dir" >"$dir/unreadable.out" 2>&1
 [ $? -eq 4 ] && [ "$(cat "$dir/unreadable.out")" = "klvlockctl: cannot read standard input: Is a directory" ] ||
   fail "a directory as standard input did not end with status 4"
-[ -z "$(script -qec "$klvlockctl </dev/null" /dev/null)" ] || fail "a prompt with no terminal to type on"
+[ -z "$(script -qec "$klvlockctl </dev/null" /dev/null </dev/null)" ] || fail "a prompt with no terminal to type on"
 (unset _klvlockd_port; "$klvlockctl" </dev/null >"$dir/noport.out" 2>&1)
 [ $? -eq 2 ] || fail "no port did not end with status 2"
 [ "$(grep -c 'logs/klvlockd.env' "$dir/noport.out")" -eq 1 ] && [ "$(wc -l <"$dir/noport.out")" -eq 1 ] ||

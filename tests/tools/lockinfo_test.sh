@@ -61,6 +61,9 @@ expect() {
   [ "$got" -eq "$count" ] || fail "lockinfo $*: $got lines hold \"$pattern\", not $count"
 }
 
+# A daemon without clients leaves the client table out of its report.
+expect 0 "klvlockd_up 1" 1 --metrics "$port"
+
 # A name with a line break and a terminal escape, and a path with a line break,
 # a tilde (printable) and a DEL (a control).
 open_request 1 1 10 20 'alice' '/real'

@@ -214,6 +214,7 @@ TEST(Lockinfo, BadServersAreErrors) {
     close(listener);
     EXPECT_EQ(run.end, ProcessEnd::Exited(13)) << server.says;
     EXPECT_NE(run.err.find(server.says), std::string::npos) << run.err;
+    EXPECT_EQ(run.out, "");
   }
 }
 

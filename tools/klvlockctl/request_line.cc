@@ -134,10 +134,10 @@ bool SetValue(const Key& key, const std::string& value, Command* command) {
       command->path = value;
       return !value.empty() && value.size() <= KLVLOCK_MAX_STRING;
     case ValueKind::kBare:
-      request.*key.field = key.bare_value;
-      return true;
+      break;
   }
-  return false;
+  request.*key.field = key.bare_value;
+  return true;
 }
 
 // One word of a request line: a known key of the verb, with a value when it

@@ -63,6 +63,7 @@ wait "${pids[1]}" || fail "holder ended with status $?"
 wait "${pids[2]}" || fail "waiter ended with status $?"
 expect "$dir/holder.out" "end: done"
 grep -qxF "end: done" "$dir/waiter.out" && fail "--keep-session sent an end"
+grep -F "warning" "$dir/holder.out" && fail "a lock on a fid opened in the session was warned about"
 
 # --strict: a refusal is status 1, a syntax error 2, an unreachable daemon 3.
 strict() { printf '%b\n' "$@" | "$klvlockctl" --strict --session 9 >"$dir/strict.out" 2>&1; }
@@ -91,21 +92,52 @@ frob fid=1|unknown request "frob"
 close fid=1|close needs file=
 lock fid=1 file=1:2 offset=0 length=1 oplock|"oplock" is not a flag of lock
 wait 86401|bad number of seconds "86401"
+wait 1x|bad number of seconds "1x"
+open fid=+5 file=1:2|bad value in "fid=+5"
+open fid=1x file=1:2|bad value in "fid=1x"
+close fid=1 file=12|bad value in "file=12"
+open fid=1 file=1:2 path=|bad value in "path="
 TABLE
+# Lines that are taken, and all they print (numbers in hex are shown in decimal).
+while IFS='|' read -r lines expected; do
+  strict "$lines"
+  [ $? -eq 0 ] && [ "$(cat "$dir/strict.out")" = "$(printf '%b' "$expected")" ] || fail "\"$lines\" printed the above"
+done <<'TABLE'
+lock fid=100 file=0x10:0XA offset=0 length=1\nunlock fid=100 file=16:10 offset=0 length=1|klvlockctl: line 1: warning: fid=100 file=16:10 has no open in this session; the daemon never releases such a lock on its own\nlock fid=100: granted\nklvlockctl: line 2: warning: fid=100 file=16:10 has no open in this session; the daemon never releases such a lock on its own\nunlock fid=100: done\nend: done
+open fid=4294967295 file=1:3\nclose fid=4294967295 file=1:3|open fid=4294967295: granted oplock=0\nclose fid=4294967295: done\nend: done
+wait 0\nwait 0.1\nnoop|noop: done\nend: done
+TABLE
+[ "$(printf noop | "$klvlockctl")" = "$(printf 'noop: done\nend: done')" ] || fail "a last line without a newline was not run"
+printf 'wait 86400\n' | timeout 1 "$klvlockctl"
+[ $? -eq 124 ] || fail "a wait of a day was not taken"
 strict "open fid=1 file=1:2 path=${long:1}" "text ${long}"
 [ $? -eq 0 ] || fail "a path or text of 4095 bytes was refused"
 timeout 10 "$klvlockctl" <&- >"$dir/closed.out" 2>&1
 [ $? -eq 0 ] || fail "klvlockctl with standard input closed did not end with status 0"
+timeout 10 "$klvlockctl" <"$dir" >"$dir/unreadable.out" 2>&1
+[ $? -eq 4 ] && [ "$(cat "$dir/unreadable.out")" = "klvlockctl: cannot read standard input: Is a directory" ] ||
+  fail "a directory as standard input did not end with status 4"
+[ -z "$(script -qec "$klvlockctl </dev/null" /dev/null </dev/null)" ] || fail "a prompt with no terminal to type on"
 (unset _klvlockd_port; "$klvlockctl" </dev/null >"$dir/noport.out" 2>&1)
 [ $? -eq 2 ] || fail "no port did not end with status 2"
 [ "$(grep -c 'logs/klvlockd.env' "$dir/noport.out")" -eq 1 ] && [ "$(wc -l <"$dir/noport.out")" -eq 1 ] ||
   fail "no one-line hint at the env file"
-for option in "--portx 1" "--session x" "--session 4294967296" "--timeout 0" "--timeout 3600001" \
-  "--port 65536"; do
+while IFS='|' read -r option message; do
   # shellcheck disable=SC2086
-  "$klvlockctl" $option </dev/null >/dev/null 2>&1
-  [ $? -eq 2 ] || fail "klvlockctl $option did not end with status 2"
-done
+  "$klvlockctl" $option </dev/null >"$dir/option.out" 2>&1
+  [ $? -eq 2 ] && [ "$(head -1 "$dir/option.out")" = "klvlockctl: $message" ] || fail "klvlockctl $option"
+done <<'TABLE'
+--portx 1|unknown option --portx
+--names x|unknown option --names
+--session x|bad value for --session: x
+--session +5|bad value for --session: +5
+--session 4294967296|bad value for --session: 4294967296
+--timeout 0|bad value for --timeout: 0
+--timeout 3600001|bad value for --timeout: 3600001
+--port 65536|bad value for --port: 65536
+--name|bad value for --name
+TABLE
+"$klvlockctl" --session=0 </dev/null >/dev/null 2>&1 || fail "--session=0 was refused"
 "$klvlockctl" --name SIXTEEN-CHARS-XY </dev/null >/dev/null 2>&1 || fail "a 16-byte name was refused"
 "$klvlockctl" --name SEVENTEEN-CHARS-X </dev/null >/dev/null 2>&1
 [ $? -eq 2 ] || fail "a 17-byte name was taken"

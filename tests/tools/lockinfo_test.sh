@@ -54,17 +54,21 @@ wait_for_opens() {
 # STATUS, and COUNT lines of its output and errors hold the fixed string PATTERN.
 expect() { expect_output -F "$1" "$2" "$3" "$lockinfo" "${@:4}"; }
 
-# A name with a line break and a terminal escape, and a path with a line break.
+# A daemon without clients leaves the client table out of its report.
+expect 0 "klvlockd_up 1" 1 --metrics "$port"
+
+# A name with a line break and a terminal escape, and a path with a line break,
+# a tilde (printable) and a DEL (a control).
 open_request 1 1 10 20 'alice' '/real'
-open_request 6 2 50 60 'ev\nil\x1b[2J' 'a\nb'
+open_request 6 2 50 60 'ev\nil\x1b[2J' 'a\nb~\x7f'
 wait_for_opens 2
 while IFS='|' read -r status pattern count arguments; do
   # shellcheck disable=SC2086
   expect "$status" "$pattern" "$count" $arguments "$port"
 done <<'TABLE'
 0|  ev\nil\x1b[2J     OK     6    127.0.0.1:|1|
-0|[50,60] a\nb|1|
-0|"path": "a\u000ab"|1|--json
+0|[50,60] a\nb~\x7f|1|
+0|"path": "a\u000ab~\u007f"|1|--json
 0|"name": "ev\u000ail\u001b[2J"|1|--json
 0|klvlockd_up 1|1|--metrics
 TABLE
@@ -109,6 +113,14 @@ done <<TABLE
 10|"0" is not a valid port number|0
 13|more than $((size - 1)) bytes (--max-bytes)|--max-bytes $((size - 1)) $port
 0|klvlockd_up 1|--timeout 86400 --max-bytes $size --metrics $port
+0|klvlockd_up 1|--timeout 0.5 --max-bytes 0999999 --metrics $port
+0|klvlockd_up 1|--timeout=9 --max-bytes=9999999 --metrics 0$port
+2|bad value for --timeout: +5|--timeout +5 $port
+2|bad value for --timeout: 1x|--timeout 1x $port
+2|bad value for --max-bytes: -1|--max-bytes -1 $port
+10|"-" is not a valid port number|-
+12|cannot contact klvlockd at 127.0.0.1:9: connect: Connection refused|9
+0|Usage: lockinfo [--json|--help
 TABLE
 (unset _klvlockd_status; expect 2 "logs/klvlockd.env" 1) || exit 1
 [ "$(wc -l <"$dir/err")" -eq 1 ] || fail "the hint is not one line"
@@ -123,4 +135,20 @@ for _ in $(seq 100); do [ "$(grep -c 'klvlockd_up 1' "$dir/out")" -ge 3 ] && bre
 kill -INT "$watcher"
 for _ in $(seq 50); do kill -0 "$watcher" 2>/dev/null || break; sleep 0.1; done
 wait "$watcher" || fail "--watch ended with status $? on SIGINT"
+# A long --watch: one round, then the wait for the next that SIGTERM ends.
+"$lockinfo" --watch 60 --metrics "$port" >"$dir/out" 2>"$dir/err" &
+watcher=$!
+pids+=("$watcher")
+for _ in $(seq 100); do grep -q 'klvlockd_up 1' "$dir/out" && break; sleep 0.1; done
+sleep 0.3
+kill -TERM "$watcher"
+for _ in $(seq 50); do kill -0 "$watcher" 2>/dev/null || break; sleep 0.1; done
+wait "$watcher" || fail "--watch ended with status $? on SIGTERM"
+[ "$(grep -c 'klvlockd_up 1' "$dir/out")" -eq 1 ] || fail "--watch 60 did not wait between rounds"
+# A daemon that has ended: no contact, and down in the metrics.
+kill "$_klvlockd_pid"
+for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
+expect 12 "cannot contact klvlockd at 127.0.0.1:$port" 1 "$port"
+[ ! -s "$dir/out" ] || fail "a failed fetch wrote to standard output"
+expect 12 "klvlockd_up 0" 1 --metrics "$port"
 echo PASS

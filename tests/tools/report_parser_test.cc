@@ -88,16 +88,20 @@ TEST(ReportParser, EveryCutOrChangedReportIsRefused) {
               ReportReading::kNotAReport)
         << length;
   }
-  const std::pair<std::string, std::string> kChanges[] = {{"  OK  ", "  ok  "},
-                                                          {"[10,20]", "[10;20]"},
-                                                          {"0 100", "0 x100"},
-                                                          {"Files: 3", "Files: 4294967296"}};
-  for (const auto& [from, to] : kChanges) {
+  struct Change {
+    std::string from, to, error;
+  } const kChanges[] = {
+      {"  OK  ", "  ok  ", "line 5: expected \" WAIT    \""},
+      {"[10,20]", "[10;20]", "lines 9 to 21: the files listed do not add up to the totals line"},
+      {"0 100", "0 x100", "lines 9 to 21: the files listed do not add up to the totals line"},
+      {"Files: 3", "Files: 4294967296", "line 21: expected a number below 2^32"},
+      {"Used: 2", "Used: 3", "lines 9 to 21: the files listed do not add up to the totals line"}};
+  for (const auto& [from, to, error] : kChanges) {
     std::string changed = whole;
     changed.replace(changed.find(from), from.size(), to);
     EXPECT_EQ(Read(changed, &report), ReportReading::kNotAReport) << to;
+    EXPECT_EQ(last_error, error);
   }
-  EXPECT_EQ(last_error, "line 21: expected a number below 2^32");
 }
 
 TEST(ReportParser, JsonKeepsTheRowsAndEscapesNames) {
@@ -210,6 +214,7 @@ TEST(Lockinfo, BadServersAreErrors) {
     close(listener);
     EXPECT_EQ(run.end, ProcessEnd::Exited(13)) << server.says;
     EXPECT_NE(run.err.find(server.says), std::string::npos) << run.err;
+    EXPECT_EQ(run.out, "");
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "client/klvlock.hpp"
@@ -36,6 +37,9 @@ class InputLoop {
     }
   }
 
+  // The errno of a failed read of standard input, or 0.
+  int ReadError() const { return read_error_; }
+
  private:
   void ShowPrompt() {
     fputs("klvlockctl> ", stdout);
@@ -43,12 +47,16 @@ class InputLoop {
   }
 
   // Reads what standard input has and runs each whole line; false at the end
-  // of input or when the runner says stop. Only the bytes just read are
-  // searched for a line end, so a long line costs time in proportion to it.
+  // of input, when it cannot be read, or when the runner says stop. Only the
+  // bytes just read are searched for a line end, so a long line costs time in
+  // proportion to it.
   bool ReadInput() {
     char buffer[4096];
     const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
-    if (count < 0) return errno == EINTR || errno == EAGAIN;
+    if (count < 0) {
+      read_error_ = errno == EINTR || errno == EAGAIN ? 0 : errno;
+      return read_error_ == 0;
+    }
     if (count == 0) {
       if (!pending_.empty()) RunLine(pending_);  // a last line without its newline
       return false;
@@ -73,6 +81,7 @@ class InputLoop {
   bool prompt_;
   std::string pending_;
   int line_number_ = 0;
+  int read_error_ = 0;
 };
 
 constexpr const char* kNoPortHint =
@@ -108,9 +117,12 @@ int RunKlvlockctl(int argc, char** argv) {
     return ExitStatusOf(session.Error());
   }
   RequestRunner runner(&session, {options.timeout_ms, options.strict}, stdout, stderr);
-  InputLoop(&session, &runner, isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)).Run();
+  InputLoop input(&session, &runner, isatty(STDIN_FILENO) && isatty(STDOUT_FILENO));
+  input.Run();
   if (!options.keep_session) runner.EndSession();
-  return runner.Status();
+  if (input.ReadError() == 0) return runner.Status();
+  fprintf(stderr, "klvlockctl: cannot read standard input: %s\n", strerror(input.ReadError()));
+  return kExitFailure;
 }
 
 }  // namespace

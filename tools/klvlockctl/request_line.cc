@@ -77,7 +77,6 @@ constexpr ModeName kDenyNames[] = {{"none", KLVLOCK_DENY_NONE},
                                    {"msdos", KLVLOCK_DENY_MSDOS}};
 
 constexpr int kLongestWaitSeconds = 86400;
-constexpr size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
 
 bool Fail(std::string* error, const std::string& message) {
   *error = message;
@@ -135,10 +134,10 @@ bool SetValue(const Key& key, const std::string& value, Command* command) {
       command->path = value;
       return !value.empty() && value.size() <= KLVLOCK_MAX_STRING;
     case ValueKind::kBare:
-      request.*key.field = key.bare_value;
-      return true;
+      break;
   }
-  return false;
+  request.*key.field = key.bare_value;
+  return true;
 }
 
 // One word of a request line: a known key of the verb, with a value when it
@@ -148,9 +147,9 @@ bool ParseWord(const VerbForm& form, const std::string& word, uint32_t* seen, Co
   const size_t equals = word.find('=');
   const std::string name = word.substr(0, equals);
   const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
-  for (size_t index = 0; index < kKeyCount; ++index) {
-    const Key& key = kKeys[index];
+  for (const Key& key : kKeys) {
     if (name != key.name) continue;
+    const auto index = &key - kKeys;
     if (!Lists(form.allowed, name)) break;
     if ((*seen >> index & 1) != 0) return Fail(error, "\"" + name + "\" given twice");
     *seen |= 1u << index;
@@ -195,8 +194,8 @@ const VerbForm* FindForm(const std::string& name) {
 
 // True when the key `name` has its bit in `seen`.
 bool Seen(uint32_t seen, const std::string& name) {
-  for (size_t index = 0; index < kKeyCount; ++index) {
-    if (name == kKeys[index].name) return (seen >> index & 1) != 0;
+  for (const Key& key : kKeys) {
+    if (name == key.name) return (seen >> (&key - kKeys) & 1) != 0;
   }
   return false;
 }

@@ -108,6 +108,12 @@ TEST(SlotVector, AgreesWithAStandardVector) {
 
 // A set that starts small grows to take any bit; a copy takes the bits of a
 // larger set and clears those a smaller one lacks.
+TEST(RefString, EqualsItsCopyAndAnEqualTextButNotAnother) {
+  const RefString name("alice"), copy = name, other("alicE");
+  EXPECT_TRUE(name == copy && name == RefString("alice") && name.Equals("alice"));
+  EXPECT_FALSE(name == other || name.Equals("alic"));
+}
+
 TEST(BitSet, AgreesWithAStandardSet) {
   std::mt19937 random(5);
   BitSet bits(16), copy(8);

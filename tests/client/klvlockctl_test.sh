@@ -150,7 +150,7 @@ status=$?
 kill -CONT "$_klvlockd_pid"
 [ $status -eq 3 ] && grep -qxF "noop: no reply" "$dir/stopped.out" || fail "a silent daemon was not status 3"
 kill "$_klvlockd_pid"
-for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
+for _ in $(seq 100); do pid_runs "$_klvlockd_pid" || break; sleep 0.1; done
 printf 'noop\n' | "$klvlockctl" >"$dir/none.out" 2>&1
 [ $? -eq 3 ] || fail "a stopped daemon did not end klvlockctl with status 3"
 echo PASS

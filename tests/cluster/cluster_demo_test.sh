@@ -54,7 +54,7 @@ end: done" ] || fail "node b answered: $bob"
 
 "$demo" stop >/dev/null 2>&1 || fail "stop failed"
 for pid in $started; do
-  kill -0 "$pid" 2>/dev/null && fail "process $pid still runs after stop"
+  pid_runs "$pid" && fail "process $pid still runs after stop"
 done
 [ -e "$KLV_DEMO_DIR/etcd.pid" ] && fail "stop left etcd.pid"
 echo "cluster_demo_test: passed"

@@ -126,8 +126,8 @@ kill -STOP "$pid_a"
 echo "open fid=30 file=4:4 access=read deny=none" >&3
 sleep 3
 kill -CONT "$pid_a"
-for _ in $(seq 50); do kill -0 "$pid_a" 2>/dev/null || break; sleep 0.1; done
-kill -0 "$pid_a" 2>/dev/null && fail "the stopped node still runs"
+for _ in $(seq 50); do pid_runs "$pid_a" || break; sleep 0.1; done
+pid_runs "$pid_a" && fail "the stopped node still runs"
 grep -qF "locking/cluster/fenced" "$dir/a/errlock.log" || fail "no fenced record"
 answer "$dir/a.out" "open fid=30: "
 grep -q "^open fid=30: granted" "$dir/a.out" && fail "the fenced node granted an open"

@@ -28,10 +28,6 @@ fail() {
   echo "FAIL: $*" >&2
   exit 1
 }
-# True while process $1 runs (a zombie that nobody reaps does not count).
-lives() {
-  kill -0 "$1" 2>/dev/null && ! grep -q '^State:[[:space:]]*Z' "/proc/$1/status" 2>/dev/null
-}
 
 mode=$1
 shift
@@ -145,10 +141,10 @@ fi
 old_pid=$pid
 pid=$(cat "$tmp/run/klvlockd.pid")
 eval "$(cat "$tmp/run/klvlockd.env")"
-[ "$pid" != "$old_pid" ] && ! lives "$old_pid" || fail "restart kept process $old_pid"
+[ "$pid" != "$old_pid" ] && ! pid_runs "$old_pid" || fail "restart kept process $old_pid"
 "$lockinfo" >/dev/null || fail "lockinfo on the restarted daemon exited $?"
 "$service" stop >/dev/null || fail "klvlockd-service stop"
-! lives "$pid" || fail "klvlockd still runs after klvlockd-service stop"
+! pid_runs "$pid" || fail "klvlockd still runs after klvlockd-service stop"
 pid=
 grep -q 'locking/process/stop' "$tmp/logs/journal.log" || fail "no stop event in the event log"
 status=0

@@ -133,7 +133,7 @@ pids+=("$watcher")
 for _ in $(seq 100); do [ "$(grep -c 'klvlockd_up 1' "$dir/out")" -ge 3 ] && break; sleep 0.1; done
 [ "$(grep -c 'klvlockd_up 1' "$dir/out")" -ge 3 ] || fail "--watch did not redraw"
 kill -INT "$watcher"
-for _ in $(seq 50); do kill -0 "$watcher" 2>/dev/null || break; sleep 0.1; done
+for _ in $(seq 50); do pid_runs "$watcher" || break; sleep 0.1; done
 wait "$watcher" || fail "--watch ended with status $? on SIGINT"
 # A long --watch: one round, then the wait for the next that SIGTERM ends.
 "$lockinfo" --watch 60 --metrics "$port" >"$dir/out" 2>"$dir/err" &
@@ -142,12 +142,12 @@ pids+=("$watcher")
 for _ in $(seq 100); do grep -q 'klvlockd_up 1' "$dir/out" && break; sleep 0.1; done
 sleep 0.3
 kill -TERM "$watcher"
-for _ in $(seq 50); do kill -0 "$watcher" 2>/dev/null || break; sleep 0.1; done
+for _ in $(seq 50); do pid_runs "$watcher" || break; sleep 0.1; done
 wait "$watcher" || fail "--watch ended with status $? on SIGTERM"
 [ "$(grep -c 'klvlockd_up 1' "$dir/out")" -eq 1 ] || fail "--watch 60 did not wait between rounds"
 # A daemon that has ended: no contact, and down in the metrics.
 kill "$_klvlockd_pid"
-for _ in $(seq 100); do kill -0 "$_klvlockd_pid" 2>/dev/null || break; sleep 0.1; done
+for _ in $(seq 100); do pid_runs "$_klvlockd_pid" || break; sleep 0.1; done
 expect 12 "cannot contact klvlockd at 127.0.0.1:$port" 1 "$port"
 [ ! -s "$dir/out" ] || fail "a failed fetch wrote to standard output"
 expect 12 "klvlockd_up 0" 1 --metrics "$port"

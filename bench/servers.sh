@@ -34,10 +34,14 @@ start_daemon() {
 start_echo() {
   local name=$1 binary=$2 shape=$3 cpu=${4:-} pin=()
   [ -n "$cpu" ] && pin=(taskset -c "$cpu")
+  # A file left by an earlier server of the same name would name that one.
+  rm -f "$work/$name.out"
   setsid "${pin[@]}" "$binary" "$shape" 3600 >"$work/$name.out" &
+  # setsid runs the server in its own process (a background job leads no
+  # process group), so it is stopped by this pid even if it never reports.
+  server_pids+=("$!")
   for _ in $(seq 100); do [ -s "$work/$name.out" ] && break; sleep 0.05; done
   eval "$(head -n 1 "$work/$name.out")"
-  server_pids+=("$_echo_pid")
   printf -v "${name}_port" %s "$_echo_port"
   printf -v "${name}_pid" %s "$_echo_pid"
 }

@@ -1,5 +1,11 @@
-# Sourced by the shell tests of the tools. Needs $dir (a scratch directory)
-# and a function fail.
+# Sourced by the shell tests of the tools. Needs $dir (a scratch directory).
+# fail MESSAGE: says what failed, shows the last command's output and errors
+# (visible control characters), and ends the test.
+fail() {
+  echo "FAIL: $*"
+  for f in "$dir"/out "$dir"/err; do echo "--- $f"; cat -A "$f"; done
+  exit 1
+}
 # expect_output GREP_MODE STATUS PATTERN COUNT COMMAND...: COMMAND ends with
 # STATUS, and COUNT lines of its output and errors match PATTERN, read by
 # grep as GREP_MODE says (-F a fixed string, -E an extended expression).

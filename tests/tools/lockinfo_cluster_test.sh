@@ -15,11 +15,6 @@ cleanup() {
   rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-  echo "FAIL: $*"
-  for f in "$dir"/out "$dir"/err; do echo "--- $f"; cat -A "$f"; done
-  exit 1
-}
 etcdctl() { ETCDCTL_API=3 command etcdctl --endpoints="$KLV_ETCD_ENDPOINT" "$@" >/dev/null; }
 # lease TTL: grants a lease and prints its id.
 lease() {

@@ -15,11 +15,6 @@ cleanup() {
   rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-  echo "FAIL: $*"
-  for f in "$dir"/out "$dir"/err; do echo "--- $f"; cat -A "$f"; done
-  exit 1
-}
 
 mkdir "$dir/logs"
 status_line=$("$klvlockd" 30 "$dir/logs" 2>"$dir/stderr") || fail "klvlockd did not start"

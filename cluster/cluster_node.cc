@@ -20,6 +20,13 @@ namespace {
 constexpr int64_t kRetryMs = 100;
 // A keep-alive that failed is tried again after this long.
 constexpr int64_t kKeepAliveRetryMs = 200;
+// The longest summary a node writes of one file (about 3000 byte ranges); a
+// lock that would make it longer is refused. It keeps every transaction far
+// below the store's limit on a request's size.
+constexpr size_t kMaxSummaryBytes = 64 * 1024;
+// Files per release transaction: below the store's limit on operations per
+// transaction, and with kMaxSummaryBytes below its limit on a request's size.
+constexpr size_t kReleasesPerTransaction = 16;
 
 uint64_t FileIndex(const FileKey& file) { return (uint64_t{file.hi} << 32) | file.lo; }
 
@@ -80,11 +87,14 @@ std::string ClusterNode::FileBase(const FileKey& file) const {
   return prefix_ + "files/" + text;
 }
 
-std::string ClusterNode::SummaryNode(const std::string& key) const {
+bool ClusterNode::SplitFileKey(const std::string& key, std::string* base,
+                               std::string* node) const {
   const std::string files = prefix_ + "files/";
-  if (!key.starts_with(files)) return {};
+  if (!key.starts_with(files)) return false;
   const size_t slash = key.find('/', files.size());
-  return slash == std::string::npos ? std::string() : key.substr(slash + 1);
+  *base = key.substr(0, slash);
+  *node = slash == std::string::npos ? std::string() : key.substr(slash + 1);
+  return true;
 }
 
 void ClusterNode::Register(std::function<void(const std::string& error)> done) {
@@ -134,19 +144,26 @@ void ClusterNode::ReadAndWatch(std::function<void(const std::string& error)> don
                     }
                     return;
                   }
+                  const std::string nodes_prefix = prefix_ + "nodes/";
                   std::set<std::string> nodes;
                   for (const KeyValue& kv : range.kvs) {
-                    if (kv.key.starts_with(prefix_ + "nodes/"))
-                      nodes.insert(kv.key.substr(prefix_.size() + 6));
+                    if (kv.key.starts_with(nodes_prefix))
+                      nodes.insert(kv.key.substr(nodes_prefix.size()));
                   }
-                  for (const std::string& node : nodes_) {
-                    if (nodes.count(node) == 0) NodeDied(node);
-                  }
+                  CountNodes(nodes);
                   nodes_ = std::move(nodes);
-                  summaries_.clear();
+                  views_.clear();
+                  std::string base, node;
                   for (const KeyValue& kv : range.kvs) {
-                    const std::string node = SummaryNode(kv.key);
-                    if (!node.empty() && node != config_.node) summaries_[kv.key] = kv.value;
+                    if (!SplitFileKey(kv.key, &base, &node) || node == config_.node) continue;
+                    FileView& view = views_[base];
+                    view.revision = view.read_revision = range.revision;
+                    FileHoldings holdings;
+                    if (node.empty()) {
+                      view.guard_revision = kv.mod_revision;
+                    } else if (DecodeHoldings(kv.value, &holdings)) {
+                      view.others[node] = holdings;
+                    }
                   }
                   store_->Watch(prefix_, range.revision + 1,
                                 [this](const WatchReport& report) { OnWatch(report); });
@@ -172,36 +189,50 @@ void ClusterNode::OnWatch(const WatchReport& report) {
     return;
   }
   for (const std::string& node : died) NodeDied(node);
+  std::string base, node;
   for (const WatchEvent& event : report.events) {
     if (event.kv.key.starts_with(nodes_prefix)) {
-      const std::string node = event.kv.key.substr(nodes_prefix.size());
+      node = event.kv.key.substr(nodes_prefix.size());
       if (event.type == WatchEvent::Type::kPut) nodes_.insert(node);
       if (event.type == WatchEvent::Type::kDelete) nodes_.erase(node);
       continue;
     }
-    const std::string node = SummaryNode(event.kv.key);
-    if (node.empty() || node == config_.node) continue;
-    if (event.type == WatchEvent::Type::kPut && died.count(node) == 0) {
-      summaries_[event.kv.key] = event.kv.value;
+    if (!SplitFileKey(event.kv.key, &base, &node) || node == config_.node) continue;
+    const int64_t revision = event.kv.mod_revision;
+    FileView& view = views_[base];
+    if (revision <= view.read_revision) continue;  // a later read has it
+    view.revision = std::max(view.revision, revision);
+    const bool put = event.type == WatchEvent::Type::kPut;
+    FileHoldings holdings;
+    if (node.empty()) {
+      view.guard_revision = put ? revision : 0;
+    } else if (put && died.count(node) == 0 && DecodeHoldings(event.kv.value, &holdings)) {
+      view.others[node] = holdings;
     } else {
-      summaries_.erase(event.kv.key);
+      view.others.erase(node);
     }
+    if (view.guard_revision == 0 && view.others.empty()) views_.erase(base);
+  }
+}
+
+void ClusterNode::CountNodes(const std::set<std::string>& registered) {
+  for (auto it = nodes_.begin(); it != nodes_.end();) {
+    if (registered.count(*it) != 0 || *it == config_.node) {
+      ++it;
+      continue;
+    }
+    NodeDied(*it);
+    it = nodes_.erase(it);
   }
 }
 
 void ClusterNode::NodeDied(const std::string& node) {
   const int64_t until = clock_() + int64_t{config_.fence_delay_s} * 1000;
-  for (auto it = summaries_.begin(); it != summaries_.end();) {
-    if (SummaryNode(it->first) != node) {
-      ++it;
-      continue;
-    }
-    FileHoldings holdings;
-    if (DecodeHoldings(it->second, &holdings)) {
-      const std::string base = it->first.substr(0, it->first.size() - node.size() - 1);
-      dead_[base].push_back({node, holdings, until});
-    }
-    it = summaries_.erase(it);
+  for (auto& [base, view] : views_) {
+    const auto found = view.others.find(node);
+    if (found == view.others.end()) continue;
+    dead_[base].push_back({node, found->second, until});
+    view.others.erase(found);
   }
 }
 
@@ -242,67 +273,102 @@ bool ClusterNode::Conflicts(const FileHoldings& wanted, const FileHoldings& othe
   return false;
 }
 
-// Every decision reads the file's keys afresh: the guard and each node's
-// summary. A conflict found there (or in the holdings of a node that died
-// less than the fence delay ago) refuses; otherwise the write compares the
-// guard it read and the node's registration, and is decided again when
-// either changed.
+bool ClusterNode::ConflictsWithDead(const std::string& base, const FileHoldings& wanted) {
+  const auto dead = dead_.find(base);
+  if (dead == dead_.end()) return false;
+  const int64_t now = clock_();
+  std::erase_if(dead->second, [now](const DeadHoldings& one) { return one.until_ms <= now; });
+  bool conflict = false;
+  for (const DeadHoldings& one : dead->second) {
+    conflict = conflict || Conflicts(wanted, one.holdings);
+  }
+  if (dead->second.empty()) dead_.erase(dead);
+  return conflict;
+}
+
+// A release is sent with the others of this pass. A grant that the view of
+// the file allows is written at once, comparing the guard revision that the
+// view holds: one transaction when the view is current, and a fresh read
+// from its failure branch when it is not. A conflict in the view is
+// confirmed by a fresh read before it refuses.
 void ClusterNode::Attempt(const std::shared_ptr<Write>& write) {
   if (fenced_) return;
+  if (write->wanted.Empty()) {
+    releases_.push_back(write);
+    return;
+  }
+  const std::string base = FileBase(write->file);
+  const auto found = views_.find(base);
+  bool conflict = ConflictsWithDead(base, write->wanted);
+  int64_t guard_revision = 0;
+  if (found != views_.end()) {
+    guard_revision = found->second.guard_revision;
+    for (const auto& [node, theirs] : found->second.others) {
+      conflict = conflict || Conflicts(write->wanted, theirs);
+    }
+  }
+  if (conflict) {
+    ReadFresh(write);
+  } else {
+    Commit(write, guard_revision);
+  }
+}
+
+// One read of the file's keys and of the registered nodes, at one revision.
+void ClusterNode::ReadFresh(const std::shared_ptr<Write>& write) {
   const std::string base = FileBase(write->file);
   const std::string nodes = prefix_ + "nodes/";
-  // One read of the file's keys and of the registered nodes, at one revision.
   Transaction read;
   read.success.push_back(Operation::Get(base, PrefixEnd(base + "/")));
   read.success.push_back(Operation::Get(nodes, PrefixEnd(nodes)));
-  store_->Commit(read, [this, write, base, nodes](const StoreResult& result,
-                                                  const TransactionResult& outcome) {
+  store_->Commit(read, [this, write](const StoreResult& result, const TransactionResult& outcome) {
     if (!Alive()) return;
     if (!result.Done() || outcome.results.size() != 2) {
       Retry(write);
       return;
     }
     StoreAnswered();
-    // A node that the watch still counts but the read lacks has died, even
-    // when the watch has not said so yet.
-    std::set<std::string> registered;
-    for (const KeyValue& kv : outcome.results[1].kvs)
-      registered.insert(kv.key.substr(nodes.size()));
-    for (auto it = nodes_.begin(); it != nodes_.end();) {
-      if (registered.count(*it) != 0 || *it == config_.node) {
-        ++it;
-        continue;
-      }
-      NodeDied(*it);
-      it = nodes_.erase(it);
-    }
-    const RangeResult range{outcome.results[0].kvs, outcome.revision};
-    int64_t guard_revision = 0;
-    bool conflict = false;
-    for (const KeyValue& kv : range.kvs) {
-      if (kv.key == base) {
-        guard_revision = kv.mod_revision;
-        continue;
-      }
-      FileHoldings theirs;
-      if (kv.key == base + "/" + config_.node || !DecodeHoldings(kv.value, &theirs)) continue;
-      conflict = conflict || Conflicts(write->wanted, theirs);
-    }
-    const auto dead = dead_.find(base);
-    if (dead != dead_.end()) {
-      const int64_t now = clock_();
-      std::erase_if(dead->second, [now](const DeadHoldings& one) { return one.until_ms <= now; });
-      for (const DeadHoldings& one : dead->second) {
-        conflict = conflict || Conflicts(write->wanted, one.holdings);
-      }
-      if (dead->second.empty()) dead_.erase(dead);
-    }
-    if (conflict && !write->wanted.Empty()) {
-      Finish(write, Verdict::kConflict);
-      return;
-    }
-    Commit(write, guard_revision);
+    Reconsider(write, outcome.results[0].kvs, outcome.results[1].kvs, outcome.revision);
   });
+}
+
+// Decides a grant on a fresh read of the file's keys and of the registered
+// nodes: a node that the watch still counts but the read lacks has died, even
+// when the watch has not said so yet. A conflict there, or with a node that
+// died less than the fence delay ago, refuses; otherwise the write compares
+// the guard revision of the read.
+void ClusterNode::Reconsider(const std::shared_ptr<Write>& write,
+                             const std::vector<KeyValue>& file_keys,
+                             const std::vector<KeyValue>& node_keys, int64_t revision) {
+  const std::string nodes_prefix = prefix_ + "nodes/";
+  std::set<std::string> registered;
+  for (const KeyValue& kv : node_keys) registered.insert(kv.key.substr(nodes_prefix.size()));
+  CountNodes(registered);
+  const std::string base = FileBase(write->file);
+  FileView fresh;
+  fresh.revision = fresh.read_revision = revision;
+  std::string key_base, node;
+  for (const KeyValue& kv : file_keys) {
+    FileHoldings theirs;
+    if (!SplitFileKey(kv.key, &key_base, &node) || node == config_.node) continue;
+    if (node.empty()) {
+      fresh.guard_revision = kv.mod_revision;
+    } else if (DecodeHoldings(kv.value, &theirs)) {
+      fresh.others[node] = theirs;
+    }
+  }
+  bool conflict = ConflictsWithDead(base, write->wanted);
+  for (const auto& [holder, theirs] : fresh.others) {
+    conflict = conflict || Conflicts(write->wanted, theirs);
+  }
+  const int64_t guard_revision = fresh.guard_revision;
+  FileView& view = views_[base];
+  if (revision >= view.revision) view = std::move(fresh);
+  if (conflict) {
+    Finish(write, Verdict::kConflict);
+  } else {
+    Commit(write, guard_revision);
+  }
 }
 
 void ClusterNode::Commit(const std::shared_ptr<Write>& write, int64_t guard_revision) {
@@ -310,35 +376,108 @@ void ClusterNode::Commit(const std::shared_ptr<Write>& write, int64_t guard_revi
   FileHoldings mine = holdings_of_ ? holdings_of_(write->file) : FileHoldings{};
   mine.classes |= write->wanted.classes;
   mine.ranges.insert(mine.ranges.end(), write->wanted.ranges.begin(), write->wanted.ranges.end());
+  const std::string value = EncodeHoldings(mine);
+  if (value.size() > kMaxSummaryBytes) {
+    Finish(write, Verdict::kConflict);
+    return;
+  }
+  const std::string nodes = prefix_ + "nodes/";
   Transaction txn;
   txn.compares.push_back(Compare::CreateRevisionIs(node_key_, registration_));
   txn.compares.push_back(Compare::ModRevisionIs(base, guard_revision));
   txn.success.push_back(Operation::Put(base, config_.node, lease_));
-  const std::string summary = base + "/" + config_.node;
-  txn.success.push_back(mine.Empty() ? Operation::Delete(summary)
-                                     : Operation::Put(summary, EncodeHoldings(mine), lease_));
+  txn.success.push_back(Operation::Put(base + "/" + config_.node, value, lease_));
   txn.failure.push_back(Operation::Get(node_key_));
-  store_->Commit(
-      txn, [this, write, mine](const StoreResult& result, const TransactionResult& outcome) {
-        if (!Alive()) return;
-        if (!result.Done()) {
-          Retry(write);  // a lost write may have been applied: the next read tells
-          return;
-        }
-        StoreAnswered();
-        if (!outcome.succeeded) {
-          const bool registered = !outcome.results.empty() && !outcome.results[0].kvs.empty() &&
-                                  outcome.results[0].kvs[0].create_revision == registration_;
-          if (!registered) {
-            Fence("its registration is gone from the store");
-            return;
-          }
-          Attempt(write);  // another write came between the read and this one
-          return;
-        }
-        files_[FileIndex(write->file)].published = mine;
-        Finish(write, Verdict::kGranted);
-      });
+  txn.failure.push_back(Operation::Get(base, PrefixEnd(base + "/")));
+  txn.failure.push_back(Operation::Get(nodes, PrefixEnd(nodes)));
+  store_->Commit(txn, [this, write, mine, base](const StoreResult& result,
+                                                const TransactionResult& outcome) {
+    if (!Alive()) return;
+    if (result.status == StoreStatus::kRefused) {
+      Finish(write, Verdict::kConflict);  // the store will not take this write
+      return;
+    }
+    if (!result.Done() || (!outcome.succeeded && outcome.results.size() != 3)) {
+      Retry(write);  // a lost write may have been applied: the next decision tells
+      return;
+    }
+    StoreAnswered();
+    if (!outcome.succeeded) {
+      const bool registered = !outcome.results[0].kvs.empty() &&
+                              outcome.results[0].kvs[0].create_revision == registration_;
+      if (!registered) {
+        Fence("its registration is gone from the store");
+        return;
+      }
+      // Another write came after what the view showed.
+      Reconsider(write, outcome.results[1].kvs, outcome.results[2].kvs, outcome.revision);
+      return;
+    }
+    FileView& view = views_[base];
+    if (outcome.revision > view.revision) {
+      view.guard_revision = view.revision = outcome.revision;
+    }
+    Published(write->file, mine, outcome.revision);
+    Finish(write, Verdict::kGranted);
+  });
+}
+
+// A release takes nothing that another node could rely on, so it compares
+// only the node's registration and leaves the guard as it is.
+void ClusterNode::SendReleases() {
+  if (releases_.empty() || fenced_ || !registered_) return;
+  std::vector<std::shared_ptr<Write>> pending;
+  pending.swap(releases_);
+  while (!pending.empty()) {
+    std::vector<std::shared_ptr<Write>> batch;
+    std::map<uint64_t, FileHoldings> written;
+    Transaction txn;
+    txn.compares.push_back(Compare::CreateRevisionIs(node_key_, registration_));
+    txn.failure.push_back(Operation::Get(node_key_));
+    while (!pending.empty() && (written.size() < kReleasesPerTransaction ||
+                                written.count(FileIndex(pending.back()->file)) != 0)) {
+      const std::shared_ptr<Write> write = pending.back();
+      pending.pop_back();
+      batch.push_back(write);
+      if (written.count(FileIndex(write->file)) != 0) continue;
+      const FileHoldings mine = holdings_of_ ? holdings_of_(write->file) : FileHoldings{};
+      written[FileIndex(write->file)] = mine;
+      const std::string summary = FileBase(write->file) + "/" + config_.node;
+      txn.success.push_back(mine.Empty() ? Operation::Delete(summary)
+                                         : Operation::Put(summary, EncodeHoldings(mine), lease_));
+    }
+    store_->Commit(txn, [this, batch, written](const StoreResult& result,
+                                               const TransactionResult& outcome) {
+      if (!Alive()) return;
+      if (!result.Done()) {
+        for (const std::shared_ptr<Write>& write : batch) Retry(write);
+        return;
+      }
+      StoreAnswered();
+      if (!outcome.succeeded) {
+        Fence("its registration is gone from the store");
+        return;
+      }
+      Released(batch, outcome.revision, written);
+    });
+  }
+}
+
+void ClusterNode::Released(const std::vector<std::shared_ptr<Write>>& batch, int64_t revision,
+                           const std::map<uint64_t, FileHoldings>& written) {
+  for (const std::shared_ptr<Write>& write : batch) {
+    Published(write->file, written.at(FileIndex(write->file)), revision);
+  }
+  for (const std::shared_ptr<Write>& write : batch) Finish(write, Verdict::kGranted);
+}
+
+// Writes of one file may be under way together and end in any order: the
+// store holds what the one with the latest revision wrote.
+void ClusterNode::Published(const FileKey& file, const FileHoldings& holdings, int64_t revision) {
+  FileState& state = files_[FileIndex(file)];
+  if (revision < state.published_revision) return;
+  state.published = holdings;
+  state.published_revision = revision;
 }
 
 void ClusterNode::Retry(const std::shared_ptr<Write>& write) {
@@ -420,6 +559,7 @@ bool ClusterNode::Alive() {
 }
 
 void ClusterNode::AddDescriptors(fd_set* readable, fd_set* writable, int* max_fd) {
+  SendReleases();
   store_->AddDescriptors(readable, writable, max_fd);
 }
 
@@ -436,6 +576,7 @@ long ClusterNode::TimeoutMs() {
 void ClusterNode::Perform() {
   CheckDeadline();
   if (fenced_) return;
+  SendReleases();
   store_->Perform();
   if (!registered_ || fenced_) return;
   if (clock_() >= next_keep_alive_ms_) SendKeepAlive();

@@ -46,7 +46,9 @@ class ClusterNode : public ClusterSeam {
   bool Fenced() const { return fenced_; }
   const std::string& NodeKey() const { return node_key_; }
 
-  // The loop's side, as for a Store.
+  // The loop's side, as for a Store. The releases asked for since the last
+  // pass go out together, in as few transactions as fit, when the loop asks
+  // for the descriptors to wait on (and at the start of Perform).
   void AddDescriptors(fd_set* readable, fd_set* writable, int* max_fd);
   long TimeoutMs();
   // Fences the node once its deadline has passed. Called before any
@@ -73,8 +75,18 @@ class ClusterNode : public ClusterSeam {
  private:
   struct Write;
   struct FileState {
-    FileHoldings published;  // as this node's last write left it in the store
-    int writes = 0;          // under way
+    FileHoldings published;       // as this node's last write left it in the store
+    int64_t published_revision = 0;  // the store's revision after that write
+    int writes = 0;               // under way
+  };
+  // What the other nodes hold of one file, as the watch, this node's reads
+  // and its own writes report it. It may lag behind the store: a grant
+  // decided on it compares the guard revision it holds.
+  struct FileView {
+    int64_t guard_revision = 0;  // the guard key's mod revision; 0: no guard
+    int64_t revision = 0;        // the newest revision applied to the view
+    int64_t read_revision = 0;   // the newest read; older watch events are in it
+    std::map<std::string, FileHoldings> others;  // by node
   };
   struct DeadHoldings {
     std::string node;
@@ -83,10 +95,25 @@ class ClusterNode : public ClusterSeam {
   };
 
   std::string FileBase(const FileKey& file) const;
+  // Splits a key of a file into its base and the node of a summary (empty
+  // for the guard); false for another key.
+  bool SplitFileKey(const std::string& key, std::string* base, std::string* node) const;
   void Attempt(const std::shared_ptr<Write>& write);
+  void ReadFresh(const std::shared_ptr<Write>& write);
+  void Reconsider(const std::shared_ptr<Write>& write, const std::vector<KeyValue>& file_keys,
+                  const std::vector<KeyValue>& node_keys, int64_t revision);
   void Commit(const std::shared_ptr<Write>& write, int64_t guard_revision);
+  void SendReleases();
+  void Released(const std::vector<std::shared_ptr<Write>>& batch, int64_t revision,
+                const std::map<uint64_t, FileHoldings>& written);
   void Retry(const std::shared_ptr<Write>& write);
   void Finish(const std::shared_ptr<Write>& write, Verdict verdict);
+  // Records `holdings` as published by a write that left the store at `revision`,
+  // unless a later write of the file has already been recorded.
+  void Published(const FileKey& file, const FileHoldings& holdings, int64_t revision);
+  // True when `wanted` conflicts with a node that died less than the fence
+  // delay ago; forgets the holdings whose delay is over.
+  bool ConflictsWithDead(const std::string& base, const FileHoldings& wanted);
   void SendKeepAlive();
   void StoreAnswered();
   void Fence(const std::string& why);
@@ -94,10 +121,10 @@ class ClusterNode : public ClusterSeam {
   bool Alive();
   void ReadAndWatch(std::function<void(const std::string& error)> done);
   void OnWatch(const WatchReport& report);
+  // Nodes that the watch counted and `registered` lacks have died.
+  void CountNodes(const std::set<std::string>& registered);
   // The summaries of `node` are held for the fence delay from now.
   void NodeDied(const std::string& node);
-  // The node named by a summary key, or empty for another key.
-  std::string SummaryNode(const std::string& key) const;
 
   ClusterConfig config_;
   Store* store_;
@@ -114,8 +141,9 @@ class ClusterNode : public ClusterSeam {
   std::unordered_map<uint64_t, FileState> files_;
   std::multimap<int64_t, std::function<void()>> timers_;
   std::vector<std::function<void()>> on_answer_;
-  std::map<std::string, std::string> summaries_;           // other nodes' summary keys, as watched
-  std::set<std::string> nodes_;                            // registered nodes, as watched
+  std::vector<std::shared_ptr<Write>> releases_;  // sent together before the next wait
+  std::unordered_map<std::string, FileView> views_;  // by file base key
+  std::set<std::string> nodes_;                      // registered nodes, as watched
   std::map<std::string, std::vector<DeadHoldings>> dead_;  // by file base key
 };
 

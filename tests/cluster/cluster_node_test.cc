@@ -62,9 +62,9 @@ class ClusterNodeTest : public ::testing::Test {
 
 TEST_F(ClusterNodeTest, OfTwoConflictingWritesAtOnceTheLaterIsDecidedAgainAndRefused) {
   Run(20);
-  // Both read the empty file first; a's write lands before b's.
-  a_.store.InjectFaults({{}, {Fault::Kind::kNone, 10, 0}});
-  b_.store.InjectFaults({{}, {Fault::Kind::kNone, 20, 0}});
+  // Both decide on a view of the empty file; a's write lands before b's.
+  a_.store.InjectFaults({{Fault::Kind::kNone, 10, 0}});
+  b_.store.InjectFaults({{Fault::Kind::kNone, 20, 0}});
   a_.Open(kDenyAllRead);
   b_.Open(kReadDenyNone);
   Run(100);

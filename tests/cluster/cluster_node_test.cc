@@ -1,6 +1,7 @@
 // The awkward interleavings of the cluster's decisions, on the in-memory
 // store with its clock: two nodes writing one file at once, replies that
-// come after the deadline, and a watch that misses a node's death.
+// come after the deadline, a watch that misses a node's death, releases of
+// many files at once, and one node's writes of a file that end out of order.
 #include "cluster/cluster_node.h"
 
 #include <gtest/gtest.h>
@@ -101,6 +102,38 @@ TEST_F(ClusterNodeTest, ADeathThatTheWatchMissedStillHoldsTheDeadNodesFileForThe
   Run(1000);  // the fence delay
   b_.Open(kReadDenyNone);
   Run(100);
+  EXPECT_EQ(b_.verdict, Verdict::kGranted);
+}
+
+TEST_F(ClusterNodeTest, ReleasesOfManyFilesGoOutInFewTransactions) {
+  Run(20);
+  a_.held.classes = 1u << kDenyAllRead;
+  for (uint32_t file = 0; file < 40; ++file) a_.node->Publish({7, file}, {}, nullptr);
+  Run(20);
+  ASSERT_EQ(data_.Keys().size(), 2u + 40u);  // the nodes and the summaries
+  const int64_t before = data_.Revision();
+  a_.held = {};
+  for (uint32_t file = 0; file < 40; ++file) a_.node->Publish({7, file}, {}, nullptr);
+  Run(20);
+  EXPECT_EQ(data_.Revision() - before, 3);
+  EXPECT_EQ(data_.Keys().size(), 2u);
+}
+
+TEST_F(ClusterNodeTest, WritesOfOneFileThatEndInAnotherOrderLeaveTheStoreAsTheNodeHoldsIt) {
+  Run(20);
+  a_.held.classes = 1u << kReadDenyNone;
+  a_.node->Publish(kFile, {}, nullptr);
+  Run(20);
+  // A lock that is given up while its write goes on, and a release written
+  // before it lands but answered after it.
+  a_.held = {};
+  a_.store.InjectFaults({{Fault::Kind::kNone, 30, 0}, {Fault::Kind::kNone, 0, 50}});
+  a_.node->Publish(kFile, {0, {{0, 10, false}}}, [](Verdict) {});
+  a_.node->Publish(kFile, {}, nullptr);
+  Run(200);
+  EXPECT_EQ(data_.Keys().count("/klvlockd/c/files/00000001:00000002/a"), 0u);
+  b_.Open(kDenyAllRead);
+  Run(50);
   EXPECT_EQ(b_.verdict, Verdict::kGranted);
 }
 

@@ -130,6 +130,16 @@ void ClusterNode::Register(std::function<void(const std::string& error)> done) {
   });
 }
 
+void ClusterNode::Leave(std::function<void()> done) {
+  if (!registered_ || fenced_) {
+    done();
+    return;
+  }
+  fenced_ = true;  // nothing more is decided
+  store_->CancelWatch();
+  store_->RevokeLease(lease_, [done](const StoreResult&) { done(); });
+}
+
 // A fresh read of every key of the cluster, then the watch from the revision
 // after it. Nodes that were known and are gone from the read have died.
 void ClusterNode::ReadAndWatch(std::function<void(const std::string& error)> done) {

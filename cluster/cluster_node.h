@@ -43,6 +43,9 @@ class ClusterNode : public ClusterSeam {
   // one sentence that says why the node could not register.
   void Register(std::function<void(const std::string& error)> done);
   void SetFenceHandler(FenceHandler handler) { on_fence_ = std::move(handler); }
+  // Ends the node's lease, so that the others count it dead at once rather
+  // than when the lease runs out; `done` runs when the store has answered.
+  void Leave(std::function<void()> done);
   bool Fenced() const { return fenced_; }
   const std::string& NodeKey() const { return node_key_; }
 

@@ -15,6 +15,8 @@ namespace {
 
 // Registration at start may take this long before the start fails.
 constexpr int64_t kRegisterMs = 10000;
+// At an orderly stop the store has this long to end the lease.
+constexpr int64_t kLeaveMs = 1000;
 
 }  // namespace
 
@@ -45,21 +47,31 @@ bool ClusterMode::Register(std::string* error) {
     finished = true;
     *error = failure;
   });
-  const int64_t give_up = cluster::ClusterNode::BootClockMs() + kRegisterMs;
-  while (!finished && cluster::ClusterNode::BootClockMs() < give_up) {
+  ServeStoreUntil(&finished, kRegisterMs);
+  if (!finished) *error = "etcd did not answer at " + parts.config.endpoints.front();
+  return finished && error->empty();
+}
+
+void ClusterMode::Leave() {
+  bool finished = false;
+  parts_->node->Leave([&finished] { finished = true; });
+  ServeStoreUntil(&finished, kLeaveMs);
+}
+
+void ClusterMode::ServeStoreUntil(const bool* finished, int64_t ms) {
+  const int64_t give_up = cluster::ClusterNode::BootClockMs() + ms;
+  while (!*finished && cluster::ClusterNode::BootClockMs() < give_up) {
     fd_set readable, writable;
     FD_ZERO(&readable);
     FD_ZERO(&writable);
     int max_fd = -1;
-    AddDescriptors(&readable, &writable, &max_fd);
-    const long ms = TimeoutMs();
+    parts_->store->AddDescriptors(&readable, &writable, &max_fd);
+    const long store_ms = parts_->store->TimeoutMs();
     timeval wait = {0, 100000};
-    if (ms >= 0 && ms < 100) wait.tv_usec = ms * 1000;
+    if (store_ms >= 0 && store_ms < 100) wait.tv_usec = store_ms * 1000;
     select(max_fd + 1, &readable, &writable, nullptr, &wait);
-    parts.store->Perform();
+    parts_->store->Perform();
   }
-  if (!finished) *error = "etcd did not answer at " + parts.config.endpoints.front();
-  return finished && error->empty();
 }
 
 void ClusterMode::Attach(LockManagerDaemon* daemon) {

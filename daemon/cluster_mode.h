@@ -3,6 +3,7 @@
 
 #include <sys/select.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -41,6 +42,10 @@ class ClusterMode : public LoopPart {
   // after an error record once the node has lost it.
   void Attach(LockManagerDaemon* daemon);
 
+  // At an orderly stop: ends the node's lease, so that the other nodes count
+  // it dead at once, waiting a short while for the store.
+  void Leave();
+
   void AddDescriptors(fd_set* readable, fd_set* writable, int* max_fd) override;
   long TimeoutMs() override;
   void CheckDeadline() override;
@@ -49,6 +54,8 @@ class ClusterMode : public LoopPart {
  private:
   struct Parts;
   ClusterMode();
+  // Serves the store alone until `*finished` or for at most `ms` milliseconds.
+  void ServeStoreUntil(const bool* finished, int64_t ms);
   std::unique_ptr<Parts> parts_;
 };
 

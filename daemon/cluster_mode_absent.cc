@@ -19,6 +19,7 @@ std::unique_ptr<ClusterMode> ClusterMode::FromEnvironment(std::string* error) {
 
 bool ClusterMode::Register(std::string*) { return false; }
 void ClusterMode::Attach(LockManagerDaemon*) {}
+void ClusterMode::Leave() {}
 void ClusterMode::AddDescriptors(fd_set*, fd_set*, int*) {}
 long ClusterMode::TimeoutMs() { return -1; }
 void ClusterMode::CheckDeadline() {}

@@ -160,6 +160,7 @@ int RunDaemon(const char* logdir, Socket* udp, Socket* tcp, ClusterMode* cluster
     loop.SetPart(cluster);
   }
   const int status = loop.Run();
+  if (cluster != nullptr) cluster->Leave();
   RegisterDaemon(nullptr);
   return status;
 }

@@ -2,7 +2,7 @@
 # Three daemons on one etcd (with_etcd.sh runs this script): start failures,
 # a share conflict and a range conflict across nodes, a killed node whose
 # holdings block the others until its lease and the fence delay have passed,
-# and a node stopped past its lease that fences itself once continued (its
+# a node stopped in order that ends its lease, and a node stopped past its lease that fences itself once continued (its
 # exit status, 20, is checked by fencing_test, which can wait for it).
 # Usage: with_etcd.sh cluster_test.sh KLVLOCKD KLVLOCKCTL
 set -u
@@ -120,6 +120,13 @@ grep -q "^open fid=$((10 + try)): granted" "$dir/b.out" || fail "the killed node
 echo "lock fid=7 file=3:3 offset=0 length=1" >&3
 expect "$dir/a.out" "lock fid=7: granted"
 echo "released ${released} ms after the kill"
+
+# An orderly stop ends the node's lease at once, not when it runs out.
+kill -TERM "$pid_b"
+for _ in $(seq 50); do pid_runs "$pid_b" || break; sleep 0.1; done
+pid_runs "$pid_b" && fail "node b did not stop"
+[ -z "$(ETCDCTL_API=3 etcdctl --endpoints="$KLV_ETCD_ENDPOINT" get --prefix --keys-only \
+  "/klvlockd/c$$/nodes/b")" ] || fail "node b's registration outlived it"
 
 # A node stopped past its lease decides nothing once continued: it fences.
 kill -STOP "$pid_a"

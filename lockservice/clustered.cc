@@ -54,22 +54,55 @@ bool LockManagerDaemon::DispatchClustered(const SocketAddress& sender, const uns
   LockRequest request;
   request.Decode(data, size);
   const uint32_t code = request.Code();
-  auto held = std::make_shared<HeldRequest>(OwedReply{sender, LockReply(code, request.Tag())});
+  const bool on_file = code == REQ_OPEN || code == REQ_CLOSE || code == REQ_LOCK ||
+                       code == REQ_UNLOCK || code == REQ_OPLOCK_RELEASE;
+  if (!on_file && code != REQ_CLIENT_END) return false;
+  OwedReply owed{sender, LockReply(code, request.Tag())};
+  const FileKey file{request.FilekeyHi(), request.FilekeyLo()};
+  // With nothing queued for the file the request is decided at once, as it
+  // would be at the head of its queue.
+  const AtOnce at_once = on_file && !held_.contains(QueueKey(file))
+                             ? DecideAtOnce(request, file, &owed)
+                             : AtOnce::kHeld;
+  if (at_once == AtOnce::kAnswered) return true;
+  auto held = std::make_shared<HeldRequest>(owed);
   held->client = ClientKey::Of(sender, request.Session());
   if (code == REQ_CLIENT_END) {
     EndClientClustered(held->client, [this, held] { Answer(held.get()); });
-  } else if (code == REQ_OPEN || code == REQ_CLOSE || code == REQ_LOCK || code == REQ_UNLOCK ||
-             code == REQ_OPLOCK_RELEASE) {
-    held->bytes.assign(reinterpret_cast<const char*>(data), size);
-    held->file = FileKey{request.FilekeyHi(), request.FilekeyLo()};
-    std::deque<std::shared_ptr<HeldRequest>>& queue = held_[QueueKey(held->file)];
-    queue.push_back(held);
-    if (queue.size() == 1) RunQueue(held->file);
   } else {
-    return false;
+    held->bytes.assign(reinterpret_cast<const char*>(data), size);
+    held->file = file;
+    std::deque<std::shared_ptr<HeldRequest>>& queue = held_[QueueKey(file)];
+    queue.push_back(held);
+    if (at_once == AtOnce::kReleasedForStore) {
+      held->decided = true;
+      PublishRelease(held);
+    } else if (queue.size() == 1) {
+      RunQueue(file);
+    }
   }
   if (!held->finished) cluster_->After(cluster_->DeferMs(), [this, held] { DeferExpired(held); });
   return true;
+}
+
+// Nothing is held for an open of a class that the store holds already, nor
+// for a release that leaves the store's holdings as they are.
+LockManagerDaemon::AtOnce LockManagerDaemon::DecideAtOnce(const LockRequest& request,
+                                                          const FileKey& file, OwedReply* owed) {
+  if (request.Code() == REQ_LOCK) return AtOnce::kHeld;
+  if (request.Code() == REQ_OPEN) {
+    if (!cluster_->Settled(file, ShareIndex(request.OpenMode()))) return AtOnce::kHeld;
+    const OpenLock candidate{ClientKey::Of(owed->to, request.Session()), request.OpenMode(),
+                             request.Clientfid()};
+    FileEntry* entry = OpenAgreesHere(request, file, candidate, &owed->reply);
+    if (entry != nullptr) GrantOpen(entry, candidate, request.Path());
+    SendOwedReply(owed);
+    return AtOnce::kAnswered;
+  }
+  const ReplyDue due = HandleRelease(request, owed);
+  if (ReleaseNeedsStore(due, file)) return AtOnce::kReleasedForStore;
+  if (due == ReplyDue::kNow) SendOwedReply(owed);
+  return AtOnce::kAnswered;
 }
 
 void LockManagerDaemon::Answer(HeldRequest* held) {
@@ -98,69 +131,64 @@ void LockManagerDaemon::RunQueue(const FileKey& key) {
 bool LockManagerDaemon::DecideHeld(const std::shared_ptr<HeldRequest>& held) {
   LockRequest request;
   request.Decode(reinterpret_cast<const unsigned char*>(held->bytes.data()), held->bytes.size());
-  OwedReply* owed = &held->owed;
-  ReplyDue due = ReplyDue::kNow;
-  switch (request.Code()) {
-    case REQ_OPEN:
-      return DecideOpen(request, held);
-    case REQ_LOCK:
-      return DecideLock(request, held);
-    case REQ_CLOSE:
-      due = HandleClose(request, owed);
-      break;
-    case REQ_UNLOCK:
-      due = HandleUnlock(request, owed);
-      break;
-    default:
-      due = HandleOplockRelease(request, owed);
-      break;
-  }
-  // A release is answered once the store has it, so that another node may
-  // count on it from the reply on.
-  if (due == ReplyDue::kNow && !cluster_->Holds(held->file, HoldingsOf(held->file))) {
-    cluster_->Publish(held->file, {}, [this, held](ClusterSeam::Verdict) {
-      Answer(held.get());
-      RunQueue(held->file);
-    });
+  if (request.Code() == REQ_OPEN) return DecideOpen(request, held);
+  if (request.Code() == REQ_LOCK) return DecideLock(request, held);
+  const ReplyDue due = HandleRelease(request, &held->owed);
+  if (ReleaseNeedsStore(due, held->file)) {
+    PublishRelease(held);
     return true;
   }
-  if (due == ReplyDue::kNow) SendOwedReply(owed);
+  if (due == ReplyDue::kNow) SendOwedReply(&held->owed);
   held->finished = true;
   return false;
 }
 
+ReplyDue LockManagerDaemon::HandleRelease(const LockRequest& request, OwedReply* owed) {
+  switch (request.Code()) {
+    case REQ_CLOSE:
+      return HandleClose(request, owed);
+    case REQ_UNLOCK:
+      return HandleUnlock(request, owed);
+    default:
+      return HandleOplockRelease(request, owed);
+  }
+}
+
+// A release is answered once the store has it, so that another node may
+// count on it from the reply on.
+bool LockManagerDaemon::ReleaseNeedsStore(ReplyDue due, const FileKey& file) const {
+  return due == ReplyDue::kNow && !cluster_->Holds(file, HoldingsOf(file));
+}
+
+void LockManagerDaemon::PublishRelease(const std::shared_ptr<HeldRequest>& held) {
+  cluster_->Publish(held->file, {}, [this, held](ClusterSeam::Verdict) {
+    Answer(held.get());
+    RunQueue(held->file);
+  });
+}
+
 bool LockManagerDaemon::DecideOpen(const LockRequest& request,
                                    const std::shared_ptr<HeldRequest>& held) {
-  LockReply* reply = &held->owed.reply;
-  RegisterClient(held->client, request.ClientName());
-  FileEntry* file = FindOrAddFile(held->file);
   const OpenLock candidate{held->client, request.OpenMode(), request.Clientfid()};
-  reply->SetOplockGranted(0);  // no oplocks in cluster mode
-  if (request.WaitId() != 0) WithdrawWait(request.WaitId());
   held->finished = true;
-  if (!AgreesWithOpens(*file, candidate)) {
-    reply->SetStatus(ReplyStatus::kConflict);
+  FileEntry* file = OpenAgreesHere(request, held->file, candidate, &held->owed.reply);
+  if (file == nullptr) {
     SendOwedReply(&held->owed);
     return false;
   }
   const int share_class = ShareIndex(candidate.openmode);
-  const RefString path(request.Path());
-  auto grant = [this, held, candidate, path] {
-    FileEntry* granted = FindOrAddFile(held->file);
-    granted->opens.Append(candidate);
-    if (!path.IsEmpty() && !granted->path.Equals(path)) granted->path = path;
-  };
   if (cluster_->Settled(held->file, share_class)) {
-    grant();
+    GrantOpen(file, candidate, request.Path());
     SendOwedReply(&held->owed);
     return false;
   }
   held->finished = false;
+  const std::string path(request.Path());
   cluster_->Publish(held->file, {1u << share_class, {}},
-                    [this, held, grant](ClusterSeam::Verdict verdict) {
+                    [this, held, candidate, path](ClusterSeam::Verdict verdict) {
                       if (held->finished) return;
                       if (verdict == ClusterSeam::Verdict::kGranted) {
-                        grant();
+                        GrantOpen(FindOrAddFile(held->file), candidate, path);
                       } else {
                         held->owed.reply.SetStatus(ReplyStatus::kConflict);
                       }
@@ -168,6 +196,23 @@ bool LockManagerDaemon::DecideOpen(const LockRequest& request,
                       RunQueue(held->file);
                     });
   return true;
+}
+
+// As the standalone daemon takes an open, without oplocks.
+FileEntry* LockManagerDaemon::OpenAgreesHere(const LockRequest& request, const FileKey& key,
+                                             const OpenLock& candidate, LockReply* reply) {
+  RegisterClient(candidate.client, request.ClientName());
+  FileEntry* file = FindOrAddFile(key);
+  reply->SetOplockGranted(0);  // no oplocks in cluster mode
+  if (request.WaitId() != 0) WithdrawWait(request.WaitId());
+  if (AgreesWithOpens(*file, candidate)) return file;
+  reply->SetStatus(ReplyStatus::kConflict);
+  return nullptr;
+}
+
+void LockManagerDaemon::GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path) {
+  file->opens.Append(open);
+  if (!path.empty() && !file->path.Equals(path)) file->path = RefString(path);
 }
 
 bool LockManagerDaemon::DecideLock(const LockRequest& request,

@@ -160,6 +160,14 @@ class LockManagerDaemon {
   // Takes a request of cluster mode: false for the codes that need no
   // cluster, which Dispatch handles as standalone.
   bool DispatchClustered(const SocketAddress& sender, const unsigned char* data, size_t size);
+  enum class AtOnce {
+    kAnswered,          // decided and answered (or owed no reply)
+    kReleasedForStore,  // a release done here, to be answered once the store has it
+    kHeld,              // to be held in the file's queue and decided there
+  };
+  // Decides a request on `file`, which has nothing queued, where that needs
+  // no store; the reply is filled in `owed`.
+  AtOnce DecideAtOnce(const LockRequest& request, const FileKey& file, OwedReply* owed);
   // Decides the requests at the head of the file's queue, up to the first
   // that waits for the store.
   void RunQueue(const FileKey& key);
@@ -167,6 +175,20 @@ class LockManagerDaemon {
   bool DecideOpen(const LockRequest& request, const std::shared_ptr<HeldRequest>& held);
   bool DecideLock(const LockRequest& request, const std::shared_ptr<HeldRequest>& held);
   void DeferExpired(const std::shared_ptr<HeldRequest>& held);
+  // The standalone handler of a close, an unlock or an oplock release.
+  ReplyDue HandleRelease(const LockRequest& request, OwedReply* owed);
+  // True when the store must have the file's holdings before the release
+  // that left them is answered.
+  bool ReleaseNeedsStore(ReplyDue due, const FileKey& file) const;
+  // Writes the file's holdings; `held` is answered and its queue moves on
+  // once the store has them.
+  void PublishRelease(const std::shared_ptr<HeldRequest>& held);
+  // The file's entry, or nullptr with the refusal in `reply` when this
+  // node's own opens conflict with `candidate`.
+  FileEntry* OpenAgreesHere(const LockRequest& request, const FileKey& key,
+                            const OpenLock& candidate, LockReply* reply);
+  // Adds `open` to the file's opens, and `path` as its path when it differs.
+  void GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path);
   void Answer(HeldRequest* held);
   // EndClient, then the files it touched written to the store; `synced`
   // runs once they are.

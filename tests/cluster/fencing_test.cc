@@ -1,12 +1,16 @@
-// One daemon in cluster mode on a real etcd (with_etcd.sh) whose store falls
-// silent: a held open is told to wait and gets its retry notice once the
-// store answers again, a held lock is refused, and once the silence outlasts
-// the node's deadline the daemon exits with status 20 after its error record.
+// One daemon in cluster mode on a real etcd (with_etcd.sh). A burst of
+// requests is answered whole, those on one file in the order sent. When the
+// store falls silent, a held open is told to wait and gets its retry notice
+// once the store answers again, a held lock is refused, and once the silence
+// outlasts the node's deadline the daemon exits with status 20 after its
+// error record.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <utility>
+#include <vector>
 
 #include "tests/support/daemon_process.h"
 #include "tests/support/wire_bytes.h"
@@ -14,13 +18,52 @@
 namespace klv {
 namespace {
 
+bool StartNode(DaemonProcess* daemon, const std::string& setting_lines) {
+  const std::string setting = daemon->LogDirectory() + "/../cluster.conf";
+  std::ofstream(setting) << "endpoints = " << getenv("KLV_ETCD_ENDPOINT") << "\n" << setting_lines;
+  setenv("KLVLOCKD_CLUSTER", setting.c_str(), 1);
+  return daemon->Start();
+}
+
+// More requests than the daemon reads at one wake-up, sent at once: the
+// first open of a class, the last close of one and the open behind it wait
+// for the store, and the requests behind them on the file wait their turn.
+TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
+  DaemonProcess daemon;
+  ASSERT_TRUE(StartNode(&daemon, "cluster = burst\n")) << daemon.LastError();
+  auto on_file = [](uint32_t tag, uint32_t fid) {
+    return wire::RequestHead{.tag = tag, .session = 1, .clientfid = fid, .filekey_lo = 5};
+  };
+  std::vector<std::string> burst = {
+      wire::OpenBytes(on_file(1, 1), 0x20, 0, "n", "/f"),  // read, deny write
+      wire::OpenBytes(on_file(2, 2), 0x41, 0, "n", "/f"),  // write, deny none: refused
+      wire::BareBytes(wire::kClose, on_file(3, 1)),
+      wire::OpenBytes(on_file(4, 2), 0x41, 0, "n", "/f"),
+      wire::OpenBytes(on_file(5, 3), 0x41, 0, "n", "/f"),
+      wire::BareBytes(wire::kClose, on_file(6, 3))};
+  for (uint32_t tag = 10; tag < 80; ++tag)
+    burst.push_back(wire::BareBytes(wire::kNoop, {.tag = tag}));
+  for (const std::string& request : burst) daemon.Client().Send(request);
+  std::vector<std::pair<uint32_t, uint32_t>> file_replies;  // tag, status
+  std::vector<uint32_t> noop_tags, expected_noop_tags;
+  std::string reply;
+  for (size_t i = 0; i < burst.size() && daemon.Client().Receive(&reply, 3000); ++i) {
+    if (wire::WordAt(reply, 0) == wire::kNoop) noop_tags.push_back(wire::WordAt(reply, 4));
+    if (wire::WordAt(reply, 0) != wire::kNoop)
+      file_replies.emplace_back(wire::WordAt(reply, 4), wire::WordAt(reply, 8));
+  }
+  using wire::kConflict, wire::kDone;
+  EXPECT_EQ(file_replies,
+            (std::vector<std::pair<uint32_t, uint32_t>>{
+                {1, kDone}, {2, kConflict}, {3, kDone}, {4, kDone}, {5, kDone}, {6, kDone}}));
+  for (uint32_t tag = 10; tag < 80; ++tag) expected_noop_tags.push_back(tag);
+  EXPECT_EQ(noop_tags, expected_noop_tags);
+}
+
 TEST(FencingTest, WhileTheStoreIsSilentAnOpenWaitsForItAndALockIsRefusedThenTheNodeFences) {
   DaemonProcess daemon;
-  const std::string setting = daemon.LogDirectory() + "/../cluster.conf";
-  std::ofstream(setting) << "endpoints = " << getenv("KLV_ETCD_ENDPOINT")
-                         << "\ncluster = f\nlease_ttl = 3\nfence_delay = 1\ndefer_ms = 300\n";
-  setenv("KLVLOCKD_CLUSTER", setting.c_str(), 1);
-  ASSERT_TRUE(daemon.Start()) << daemon.LastError();
+  ASSERT_TRUE(StartNode(&daemon, "cluster = f\nlease_ttl = 3\nfence_delay = 1\ndefer_ms = 300\n"))
+      << daemon.LastError();
   auto ask = [&](const std::string& request) {
     std::string reply;
     daemon.Client().Send(request);

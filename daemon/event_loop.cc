@@ -253,10 +253,7 @@ void EventLoop::HandleDatagram() {
     DiscardEmptyDatagram();
     return;
   }
-  ReceiveDatagram(static_cast<size_t>(pending));
-}
-
-void EventLoop::ReceiveDatagram(size_t size) {
+  const size_t size = static_cast<size_t>(pending);
   unsigned char* buffer = static_cast<unsigned char*>(malloc(size));
   SocketAddress sender;
   long count = 0;
@@ -319,17 +316,27 @@ void EventLoop::ServeWithPart() {
 
 // Under load many datagrams wait at each wake-up, and a pass with the part
 // costs more than the standalone one: the waiting datagrams are served
-// before the next wait, up to a bound that keeps the status connections,
-// the sweep and the store served. Every datagram counts as a stop check, so
-// a flood delays the stop no longer than standalone.
+// before the next wait, up to a bound that keeps the store and the sweep
+// served.
 void EventLoop::ServeDatagrams() {
   HandleDatagram();
-  for (unsigned served = 1; served < kDatagramsPerPass && !StopDue(); ++served) {
-    const int pending = udp_->BytesWaiting();
-    if (pending < 1) return;  // none, or one of length zero that the next pass drops
+  for (unsigned served = 1; served < kDatagramsPerPass && DatagramWaitingAlone(); ++served) {
     part_->CheckDeadline();
-    ReceiveDatagram(static_cast<size_t>(pending));
+    HandleDatagram();
   }
+}
+
+// Each further datagram of a pass is asked for as the standalone loop asks
+// for every one, by a wait on both sockets, here of no time: a pending stop
+// signal gets in, and a waiting status connection ends the pass. The wait
+// also keeps the standalone pace. Without it the loop emptied its socket
+// faster than eight clients refilled it, then slept and was woken for
+// nearly every request, which cost the clients more than the call costs
+// the loop: a third fewer requests answered.
+bool EventLoop::DatagramWaitingAlone() {
+  pollfd input[] = {{udp_->Fd(), POLLIN, 0}, {tcp_->Fd(), POLLIN, 0}};
+  const timespec no_time = {0, 0};
+  return ppoll(input, 2, &no_time, WaitMask()) == 1 && input[0].revents != 0;
 }
 
 // The wait lets the stop signals in, as the main wait does; any input or

@@ -62,11 +62,11 @@ class EventLoop {
   // ends the process.
   [[noreturn]] void WriteReportAndExit(Socket* connection, pid_t daemon_pid);
   void HandleDatagram();
-  // Reads the next datagram, of `size` bytes, and hands it to the daemon.
-  void ReceiveDatagram(size_t size);
   // With a part: HandleDatagram, then the datagrams that wait behind it, up
   // to 32 in all.
   void ServeDatagrams();
+  // True when a datagram waits and no status connection or stop signal does.
+  bool DatagramWaitingAlone();
   // One pass of the loop with a part: the wait covers the part's
   // descriptors and time-out, and the part moves on before any request.
   void ServeWithPart();

@@ -142,6 +142,8 @@ TEST_F(LockManagerDaemonTest, EveryDeadClientGoesInOneSweepAndNoFreshlyProbedOne
     notices.erase(notices.find(part), part.size());
   }
   EXPECT_EQ(notices, "");
+  std::string probe;  // session 2 at BETA's address was heard from in this tick
+  EXPECT_FALSE(second.Receive(&probe, 100)) << Hex(probe);
   EXPECT_NE(Report().find("Files: 15 Used: 13 OpenLocks: 13"), std::string::npos);
 }
 

@@ -30,7 +30,9 @@ bool StartNode(DaemonProcess* daemon, const std::string& setting_lines) {
 // for the store, and the requests behind them on the file wait their turn.
 TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
   DaemonProcess daemon;
-  ASSERT_TRUE(StartNode(&daemon, "cluster = burst\n")) << daemon.LastError();
+  // A request held for want of the store is answered after defer_ms: longer
+  // than the waits below, so that every reply here is the decided one.
+  ASSERT_TRUE(StartNode(&daemon, "cluster = burst\ndefer_ms = 5000\n")) << daemon.LastError();
   auto on_file = [](uint32_t tag, uint32_t fid) {
     return wire::RequestHead{.tag = tag, .session = 1, .clientfid = fid, .filekey_lo = 5};
   };
@@ -43,19 +45,22 @@ TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
       wire::BareBytes(wire::kClose, on_file(6, 3))};
   for (uint32_t tag = 10; tag < 80; ++tag)
     burst.push_back(wire::BareBytes(wire::kNoop, {.tag = tag}));
+  burst.push_back(wire::BareBytes(wire::kClientEnd, {.tag = 90, .session = 2}));  // holds nothing
   for (const std::string& request : burst) daemon.Client().Send(request);
-  std::vector<std::pair<uint32_t, uint32_t>> file_replies;  // tag, status
+  std::vector<std::pair<uint32_t, uint32_t>> file_replies, end_replies;  // tag, status
   std::vector<uint32_t> noop_tags, expected_noop_tags;
   std::string reply;
   for (size_t i = 0; i < burst.size() && daemon.Client().Receive(&reply, 3000); ++i) {
-    if (wire::WordAt(reply, 0) == wire::kNoop) noop_tags.push_back(wire::WordAt(reply, 4));
-    if (wire::WordAt(reply, 0) != wire::kNoop)
-      file_replies.emplace_back(wire::WordAt(reply, 4), wire::WordAt(reply, 8));
+    const uint32_t code = wire::WordAt(reply, 0);
+    if (code == wire::kNoop) noop_tags.push_back(wire::WordAt(reply, 4));
+    auto& replies = code == wire::kClientEnd ? end_replies : file_replies;
+    if (code != wire::kNoop) replies.emplace_back(wire::WordAt(reply, 4), wire::WordAt(reply, 8));
   }
   using wire::kConflict, wire::kDone;
   EXPECT_EQ(file_replies,
             (std::vector<std::pair<uint32_t, uint32_t>>{
                 {1, kDone}, {2, kConflict}, {3, kDone}, {4, kDone}, {5, kDone}, {6, kDone}}));
+  EXPECT_EQ(end_replies, (std::vector<std::pair<uint32_t, uint32_t>>{{90, kDone}}));
   for (uint32_t tag = 10; tag < 80; ++tag) expected_noop_tags.push_back(tag);
   EXPECT_EQ(noop_tags, expected_noop_tags);
 }

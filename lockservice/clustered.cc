@@ -210,11 +210,6 @@ FileEntry* LockManagerDaemon::OpenAgreesHere(const LockRequest& request, const F
   return nullptr;
 }
 
-void LockManagerDaemon::GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path) {
-  file->opens.Append(open);
-  if (!path.empty() && !file->path.Equals(path)) file->path = RefString(path);
-}
-
 bool LockManagerDaemon::DecideLock(const LockRequest& request,
                                    const std::shared_ptr<HeldRequest>& held) {
   FileEntry* file = FindOrAddFile(held->file);

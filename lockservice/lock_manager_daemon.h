@@ -102,6 +102,8 @@ class LockManagerDaemon {
   // Sends the answer to a probe itself, or marks the client alive when the
   // probe is the answer to the daemon's own; the request gets no reply.
   ReplyDue HandleProbe(const LockRequest& request, const OwedReply& owed);
+  // Adds `open` to the file's opens, and `path` as its path when it differs.
+  void GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path);
 
   // clients.cc
   // Creates the client's entry in state OK, or gives an existing one `name`.
@@ -187,8 +189,6 @@ class LockManagerDaemon {
   // node's own opens conflict with `candidate`.
   FileEntry* OpenAgreesHere(const LockRequest& request, const FileKey& key,
                             const OpenLock& candidate, LockReply* reply);
-  // Adds `open` to the file's opens, and `path` as its path when it differs.
-  void GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path);
   void Answer(HeldRequest* held);
   // EndClient, then the files it touched written to the store; `synced`
   // runs once they are.

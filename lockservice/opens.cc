@@ -47,12 +47,15 @@ ReplyDue LockManagerDaemon::HandleOpen(const LockRequest& request, OwedReply* ow
     reply->SetOplockGranted(1);
     SendProbeIfSilent(requester);
   }
-  file->opens.Append(candidate);
-  // The same path again leaves the entry's string as it is.
-  if (!request.Path().empty() && !file->path.Equals(request.Path())) {
-    file->path = RefString(request.Path());
-  }
+  GrantOpen(file, candidate, request.Path());
   return ReplyDue::kNow;
+}
+
+// The same path again leaves the entry's string as it is, and so does an
+// open without a path.
+void LockManagerDaemon::GrantOpen(FileEntry* file, const OpenLock& open, std::string_view path) {
+  file->opens.Append(open);
+  if (!path.empty() && !file->path.Equals(path)) file->path = RefString(path);
 }
 
 ReplyDue LockManagerDaemon::HandleClose(const LockRequest& request, OwedReply* owed) {

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Three daemons on one etcd (with_etcd.sh runs this script): start failures,
-# a share conflict and a range conflict across nodes, a killed node whose
-# holdings block the others until its lease and the fence delay have passed,
-# a node stopped in order that ends its lease, and a node stopped past its lease that fences itself once continued (its
-# exit status, 20, is checked by fencing_test, which can wait for it).
+# a share conflict and a range conflict across nodes, a client's end, a
+# killed node whose holdings block the others until its lease and the fence
+# delay have passed, a node stopped in order that ends its lease, and a node
+# stopped past its lease that fences itself once continued (its exit status,
+# 20, is checked by fencing_test, which can wait for it).
 # Usage: with_etcd.sh cluster_test.sh KLVLOCKD KLVLOCKCTL
 set -u
 klvlockd=$1
@@ -89,6 +90,13 @@ echo "unlock fid=1 file=2:2 offset=0 length=10" >&3
 expect "$dir/a.out" "unlock fid=1: done"
 echo "lock fid=4 file=2:2 offset=5 length=5" >&4
 expect "$dir/b.out" "lock fid=4: granted"
+
+# A client's end takes its opens out of the store too.
+echo "open fid=1 file=5:5 access=read deny=write" |
+  "$klvlockctl" --port "$port_a" --session 2 --name ended >"$dir/ended.out" 2>&1 ||
+  fail "the ended session failed: $(cat "$dir/ended.out")"
+echo "open fid=8 file=5:5 access=write deny=none" >&4
+expect "$dir/b.out" "open fid=8: granted oplock=0"
 
 # A killed node's open and range block the others for lease_ttl (less the
 # time since its last keep-alive) plus fence_delay, then no more.

@@ -2,12 +2,16 @@
 // the status probe, how it ends on each signal, and what its logs hold.
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
 #include <regex>
+#include <thread>
 #include <vector>
 
 #include "tests/support/daemon_process.h"
@@ -71,6 +75,30 @@ TEST(Startup, StatusLineAndProbe) {
                                                "daemon: connect\\(\\d+,127\\.0\\.0\\.1:" +
                                                port + "\\): \\(111\\) Connection refused\n")))
       << refused.err;
+  // A connection reset before the report's end is a read failure.
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {
+      .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  std::jthread resetter([listener] {
+    const int connection = accept(listener, nullptr, nullptr);
+    const linger reset = {1, 0};
+    setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    close(connection);
+  });
+  const ProgramRun cut = RunKlvlockd({std::to_string(ntohs(address.sin_port))});
+  shutdown(listener, SHUT_RDWR);  // ends the accept, should the probe not have come
+  resetter.join();
+  close(listener);
+  EXPECT_EQ(cut.end, ProcessEnd::Exited(13));
+  EXPECT_EQ(cut.out, "");
+  EXPECT_TRUE(std::regex_match(cut.err, std::regex("LOCKDSTATUS: I/O error from lockd daemon: "
+                                                   "read\\(\\d+,<address>,8192\\): \\(104\\) "
+                                                   "Connection reset by peer\n")))
+      << cut.err;
   for (const std::string argument : {"0", "status", "", "70000", "-5"}) {
     const ProgramRun run = RunKlvlockd({argument});
     EXPECT_EQ(run.end, ProcessEnd::Exited(10));

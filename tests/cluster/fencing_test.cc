@@ -26,8 +26,9 @@ bool StartNode(DaemonProcess* daemon, const std::string& setting_lines) {
 }
 
 // More requests than the daemon reads at one wake-up, sent at once: the
-// first open of a class, the last close of one and the open behind it wait
-// for the store, and the requests behind them on the file wait their turn.
+// first open of a class, the last close of one, the open behind it and each
+// granted lock wait for the store, and the requests behind them on the file
+// wait their turn, also behind a lock refused here.
 TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
   DaemonProcess daemon;
   // A request held for want of the store is answered after defer_ms: longer
@@ -42,12 +43,16 @@ TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
       wire::BareBytes(wire::kClose, on_file(3, 1)),
       wire::OpenBytes(on_file(4, 2), 0x41, 0, "n", "/f"),
       wire::OpenBytes(on_file(5, 3), 0x41, 0, "n", "/f"),
-      wire::BareBytes(wire::kClose, on_file(6, 3))};
+      wire::BareBytes(wire::kClose, on_file(6, 3)),
+      wire::LockBytes(on_file(7, 2), 0, 10, 0),
+      wire::LockBytes({.tag = 8, .session = 3, .filekey_lo = 5}, 5, 10, 0),  // refused
+      wire::LockBytes(on_file(9, 2), 20, 10, 0)};
   for (uint32_t tag = 10; tag < 80; ++tag)
     burst.push_back(wire::BareBytes(wire::kNoop, {.tag = tag}));
   burst.push_back(wire::BareBytes(wire::kClientEnd, {.tag = 90, .session = 2}));  // holds nothing
   for (const std::string& request : burst) daemon.Client().Send(request);
-  std::vector<std::pair<uint32_t, uint32_t>> file_replies, end_replies;  // tag, status
+  using Replies = std::vector<std::pair<uint32_t, uint32_t>>;  // tag, status
+  Replies file_replies, end_replies;
   std::vector<uint32_t> noop_tags, expected_noop_tags;
   std::string reply;
   for (size_t i = 0; i < burst.size() && daemon.Client().Receive(&reply, 3000); ++i) {
@@ -57,10 +62,10 @@ TEST(ClusterDaemon, EveryRequestOfABurstIsAnsweredAndThoseOnOneFileInOrder) {
     if (code != wire::kNoop) replies.emplace_back(wire::WordAt(reply, 4), wire::WordAt(reply, 8));
   }
   using wire::kConflict, wire::kDone;
-  EXPECT_EQ(file_replies,
-            (std::vector<std::pair<uint32_t, uint32_t>>{
-                {1, kDone}, {2, kConflict}, {3, kDone}, {4, kDone}, {5, kDone}, {6, kDone}}));
-  EXPECT_EQ(end_replies, (std::vector<std::pair<uint32_t, uint32_t>>{{90, kDone}}));
+  const Replies in_order = {{1, kDone}, {2, kConflict}, {3, kDone},     {4, kDone}, {5, kDone},
+                            {6, kDone}, {7, kDone},     {8, kConflict}, {9, kDone}};
+  EXPECT_EQ(file_replies, in_order);
+  EXPECT_EQ(end_replies, (Replies{{90, kDone}}));
   for (uint32_t tag = 10; tag < 80; ++tag) expected_noop_tags.push_back(tag);
   EXPECT_EQ(noop_tags, expected_noop_tags);
 }

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tests/end_to_end/lock_service_fixture.h"
+#include "tools/lockinfo/reading_search.h"
 #include "tools/lockinfo/report_writers.h"
 
 namespace klv {
@@ -172,6 +173,26 @@ TEST(ReportParser, PathsWithLineBreaksAreReadByTheTotalsOrCalledAmbiguous) {
   const std::string text = ReportText(report);
   EXPECT_NE(text.find("\n? [1,2] /f\n"), std::string::npos) << text;
   EXPECT_EQ(text.find("\n[1,2]"), std::string::npos) << text;
+}
+
+// Forty files, each of which could close with an open row or with an oplock
+// row, against totals that ask for 21 of each: there is no reading, and only
+// the bound on the search ends it before its 2^40 paths.
+TEST(ReadingSearch, AnUnreachableTotalEndsTheSearchAtItsBound) {
+  constexpr size_t kFiles = 40;
+  std::vector<ListsCandidate> candidates;
+  for (size_t head = 0; head < 10 * kFiles; head += 10) {
+    candidates.push_back({head + 2, head + 10, {1, 0, 0}});
+    candidates.push_back({head + 3, head + 10, {0, 1, 0}});
+  }
+  const std::function<size_t(size_t)> path_start = [](size_t position) {
+    return position % 10 == 0 && position < 10 * kFiles ? position + 1 : SIZE_MAX;
+  };
+  std::vector<Reading> readings;
+  EXPECT_EQ(
+      FindReadings(0, 10 * kFiles, candidates, path_start, {kFiles, 21, 21, 0}, 10, &readings),
+      SearchResult::kTooMany);
+  EXPECT_TRUE(readings.empty());
 }
 
 // lockinfo against a status port that accepts one connection and then sends

@@ -91,12 +91,14 @@ expect "$dir/a.out" "unlock fid=1: done"
 echo "lock fid=4 file=2:2 offset=5 length=5" >&4
 expect "$dir/b.out" "lock fid=4: granted"
 
-# A client's end takes its opens out of the store too.
-echo "open fid=1 file=5:5 access=read deny=write" |
+# A client's end takes its opens and ranges out of the store too.
+printf 'open fid=1 file=5:5 access=read deny=write\nlock fid=2 file=6:6 offset=0 length=10\n' |
   "$klvlockctl" --port "$port_a" --session 2 --name ended >"$dir/ended.out" 2>&1 ||
   fail "the ended session failed: $(cat "$dir/ended.out")"
 echo "open fid=8 file=5:5 access=write deny=none" >&4
 expect "$dir/b.out" "open fid=8: granted oplock=0"
+echo "lock fid=9 file=6:6 offset=0 length=10" >&4
+expect "$dir/b.out" "lock fid=9: granted"
 
 # A killed node's open and range block the others for lease_ttl (less the
 # time since its last keep-alive) plus fence_delay, then no more.

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # lockinfo against the real daemon: hostile client names and paths in every
 # output form, the command line and its exit statuses, and --watch ended by
-# SIGINT. Usage: lockinfo_test.sh KLVLOCKD LOCKINFO
+# SIGINT or SIGTERM, also in mid-fetch. Usage: lockinfo_test.sh KLVLOCKD LOCKINFO
 set -u
 export LC_ALL=C
 klvlockd=$1
@@ -140,6 +140,24 @@ kill -TERM "$watcher"
 for _ in $(seq 50); do pid_runs "$watcher" || break; sleep 0.1; done
 wait "$watcher" || fail "--watch ended with status $? on SIGTERM"
 [ "$(grep -c 'klvlockd_up 1' "$dir/out")" -eq 1 ] || fail "--watch 60 did not wait between rounds"
+# A stopped daemon takes the connection but sends nothing: SIGTERM ends
+# --watch in the middle of its first fetch, with status 0 and nothing written.
+kill -STOP "$_klvlockd_pid"
+"$lockinfo" --watch 60 --timeout 60 "$port" >"$dir/out" 2>"$dir/err" &
+reader=$!
+pids+=("$reader")
+for _ in $(seq 100); do  # lockinfo's end of the connection, established
+  awk -v to="$(printf ':%04X' "$port")" '$3 ~ to "$" && $4 == "01"' /proc/net/tcp | grep -q . && break
+  sleep 0.1
+done
+kill -TERM "$reader"
+for _ in $(seq 50); do pid_runs "$reader" || break; sleep 0.1; done
+kill -CONT "$_klvlockd_pid"
+pid_runs "$reader" && fail "SIGTERM did not end the fetch"
+wait "$reader"
+status=$?
+[ "$status" -eq 0 ] || fail "an interrupted fetch ended with status $status"
+[ ! -s "$dir/out" ] && [ ! -s "$dir/err" ] || fail "an interrupted fetch wrote: $(cat "$dir/out" "$dir/err")"
 # A daemon that has ended: no contact, and down in the metrics.
 kill "$_klvlockd_pid"
 for _ in $(seq 100); do pid_runs "$_klvlockd_pid" || break; sleep 0.1; done

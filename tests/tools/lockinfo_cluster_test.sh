@@ -30,7 +30,7 @@ etcdctl put --lease="$lease_a" $p/nodes/a 'pid=4242' &&
   etcdctl put --lease="$lease_b" $p/nodes/b 'pid=77' &&
   etcdctl put --lease="$lease_a" $p/files/0000000a:00000014/a '2000 0:100:x 200:5:s' &&
   etcdctl put --lease="$lease_b" $p/files/0000000a:00000014/b '0003' &&
-  etcdctl put --lease="$lease_b" $p/files/0000000a:00000015/b $'odd\x1b[2J' &&
+  etcdctl put --lease="$lease_b" $p/files/0000000a:00000019/b $'odd\x1b[2J' &&
   etcdctl put $p/files/0000000a:00000014 '' &&
   etcdctl put /klvlockd/other/nodes/z 'pid=1' ||
   fail "etcdctl put failed"
@@ -53,6 +53,7 @@ done <<TABLE
 0;^                    0 100 exclusive$;1;--cluster $conf
 0;^                    200 5 shared$;1;--cluster $conf
 0;^    b               OPEN_READ\|DENY_MSDOS OPEN_READ\|DENY_NONE$;1;--cluster $conf
+0;^\[10,25\]$;1;--cluster $conf
 0;^    b               summary: odd\\\\x1b\[2J$;1;--cluster $conf
 0;^Nodes: 2 Files: 2$;1;--cluster=$conf
 0;z;0;--cluster $conf

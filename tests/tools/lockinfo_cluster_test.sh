@@ -31,6 +31,7 @@ etcdctl put --lease="$lease_a" $p/nodes/a 'pid=4242' &&
   etcdctl put --lease="$lease_a" $p/files/0000000a:00000014/a '2000 0:100:x 200:5:s' &&
   etcdctl put --lease="$lease_b" $p/files/0000000a:00000014/b '0003' &&
   etcdctl put --lease="$lease_b" $p/files/0000000a:00000019/b $'odd\x1b[2J' &&
+  etcdctl put --lease="$lease_b" $p/files/0000000a:0000001e/b '0003 x:1:s' &&
   etcdctl put $p/files/0000000a:00000014 '' &&
   etcdctl put /klvlockd/other/nodes/z 'pid=1' ||
   fail "etcdctl put failed"
@@ -55,7 +56,8 @@ done <<TABLE
 0;^    b               OPEN_READ\|DENY_MSDOS OPEN_READ\|DENY_NONE$;1;--cluster $conf
 0;^\[10,25\]$;1;--cluster $conf
 0;^    b               summary: odd\\\\x1b\[2J$;1;--cluster $conf
-0;^Nodes: 2 Files: 2$;1;--cluster=$conf
+0;^    b               summary: 0003 x:1:s$;1;--cluster $conf
+0;^Nodes: 2 Files: 3$;1;--cluster=$conf
 0;z;0;--cluster $conf
 0;"name": "a", "lease": "$lease_a", "lease_left": (59|60), "registration": "pid=4242";1;--json --cluster $conf
 0;"node": "a", "classes": \["OPEN_READWRITE\|DENY_WRITE"\], "ranges": \[\{"offset": 0, "length": 100, "type": "exclusive"\}, \{"offset": 200, "length": 5, "type": "shared"\}\];1;--cluster $conf --json

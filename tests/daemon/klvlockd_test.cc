@@ -2,7 +2,6 @@
 // the status probe, how it ends on each signal, and what its logs hold.
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -76,20 +75,16 @@ TEST(Startup, StatusLineAndProbe) {
                                                port + "\\): \\(111\\) Connection refused\n")))
       << refused.err;
   // A connection reset before the report's end is a read failure.
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {
-      .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-  ASSERT_EQ(listen(listener, 1), 0);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  uint16_t silent_port = 0;
+  const int listener = ListenOnLoopback(&silent_port);
+  ASSERT_GE(listener, 0);
   std::jthread resetter([listener] {
     const int connection = accept(listener, nullptr, nullptr);
     const linger reset = {1, 0};
     setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     close(connection);
   });
-  const ProgramRun cut = RunKlvlockd({std::to_string(ntohs(address.sin_port))});
+  const ProgramRun cut = RunKlvlockd({std::to_string(silent_port)});
   shutdown(listener, SHUT_RDWR);  // ends the accept, should the probe not have come
   resetter.join();
   close(listener);

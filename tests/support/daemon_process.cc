@@ -1,7 +1,9 @@
 #include "tests/support/daemon_process.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -76,6 +78,21 @@ bool WaitFor(const std::function<bool()>& done, int timeout_ms) {
     if (std::chrono::steady_clock::now() >= end) return false;
   }
   return true;
+}
+
+int ListenOnLoopback(uint16_t* port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {
+      .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  socklen_t length = sizeof address;
+  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      listen(listener, 1) != 0 ||
+      getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (listener >= 0) close(listener);
+    return -1;
+  }
+  *port = ntohs(address.sin_port);
+  return listener;
 }
 
 std::string ReadFileFrom(const std::string& path, size_t offset) {

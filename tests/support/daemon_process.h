@@ -55,6 +55,9 @@ ProgramRun RunProgram(const std::string& program, const std::vector<std::string>
 std::string ReadFileFrom(const std::string& path, size_t offset = 0);
 // True once `done` holds, checked every 10 ms for up to `timeout_ms`.
 bool WaitFor(const std::function<bool()>& done, int timeout_ms);
+// A TCP socket that listens on a free port of 127.0.0.1, given in `port`,
+// to stand in for a status port; -1 when it cannot be made.
+int ListenOnLoopback(uint16_t* port);
 
 // `text` with every time stamp of the logs ("2001/05/17 14:03:07.412")
 // replaced by "<time>", so that whole records can be compared.

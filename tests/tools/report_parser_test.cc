@@ -4,7 +4,6 @@
 #include "tools/lockinfo/report_parser.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -209,13 +208,9 @@ TEST(Lockinfo, BadServersAreErrors) {
       {std::string(kReport).substr(0, 500), Then::kClose, "expected \"\\nFiles: \""},
       {"", Then::kFlood, "more than 100000 bytes (--max-bytes)"}};
   for (const Server& server : kServers) {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {
-        .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
-    socklen_t length = sizeof address;
-    ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                listen(listener, 1) == 0);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    uint16_t port = 0;
+    const int listener = ListenOnLoopback(&port);
+    ASSERT_GE(listener, 0);
     std::thread serve([&] {
       pollfd watched = {listener, POLLIN, 0};
       if (poll(&watched, 1, 5000) != 1) return;
@@ -229,8 +224,8 @@ TEST(Lockinfo, BadServersAreErrors) {
       }
       close(connection);
     });
-    const ProgramRun run = RunProgram(LOCKINFO_PATH, {"--timeout=0.3", "--max-bytes", "100000",
-                                                      std::to_string(ntohs(address.sin_port))});
+    const ProgramRun run =
+        RunProgram(LOCKINFO_PATH, {"--timeout=0.3", "--max-bytes", "100000", std::to_string(port)});
     serve.join();
     close(listener);
     EXPECT_EQ(run.end, ProcessEnd::Exited(13)) << server.says;
